@@ -1,0 +1,222 @@
+// Transfer threads: one per open row. Each takes bytes from the row's ring,
+// puts one whole message together in temp_msg and dispatches it on the same
+// thread; the next message waits in the ring until the dispatcher returns.
+// The thread alone owns temp_msg, temp_msg_process_len, m_nLoadLen and
+// m_msg_cmd. Every wait watches the thread's stop event (pub_util.hpp).
+//
+// Lengths are checked before anything is waited for: a PcFrame's frame_len
+// must lie in 8..40952 and a WfMsg's total_len in 20..40960, or the message
+// could overrun temp_msg or wait for a rest that can never come.
+#include <cstring>
+
+#include "channel/channel_internal.hpp"
+#include "process/bytes.hpp"
+#include "protocol/head_search.hpp"
+#include "protocol/pc_frame.hpp"
+#include "protocol/wf_msg.hpp"
+
+namespace {
+
+constexpr uint32_t kIdleMs = 10;
+constexpr uint32_t kBytesWaitMs = 20;
+
+uint32_t header_size(uint32_t index) { return index == kChannelPc ? 12 : 20; }
+
+// Waits until the ring holds at least count bytes. False on a stop.
+bool wait_for_bytes(AmtChannel& row, uint32_t count) {
+    while (getRingBufDataLen(&row.ring_buf) < static_cast<int32_t>(count)) {
+        if (!pub_util_msleep(kBytesWaitMs)) return false;
+    }
+    return true;
+}
+
+// Reads count bytes into temp_msg behind what it holds.
+void take_bytes(AmtChannel& row, uint32_t count) {
+    int32_t got = readRingBuf(&row.ring_buf, row.temp_msg + row.temp_msg_process_len, count);
+    if (got < static_cast<int32_t>(count)) {
+        log_dbg("loss data. will_read_len:%d, readed_len:%d", static_cast<int>(count), got);
+    }
+    if (got > 0) row.temp_msg_process_len += got;
+}
+
+// Runs the head search until a head is found. False on a stop.
+bool find_head(AmtChannel& row) {
+    HeadSearch search;
+    for (;;) {
+        if (getRingBufDataLen(&row.ring_buf) <= 0) {
+            if (!pub_util_msleep(kBytesWaitMs)) return false;
+            continue;
+        }
+        uint8_t byte = 0;
+        if (readRingBuf(&row.ring_buf, &byte, 1) != 1) continue;
+        if (verbose_log()) log_dbg(" char:%02x, nIndex:%d", byte, search.state);
+        if (head_search_step(&search, byte) == HeadSearchResult::kFound) return true;
+    }
+}
+
+// Reads and drops count bytes as they arrive, so that the link stays in step
+// behind a message too long to hold. False on a stop.
+bool skip_bytes(AmtChannel& row, uint32_t count) {
+    while (count > 0) {
+        int32_t held = getRingBufDataLen(&row.ring_buf);
+        if (held <= 0) {
+            if (!pub_util_msleep(kBytesWaitMs)) return false;
+            continue;
+        }
+        uint32_t chunk = static_cast<uint32_t>(held) < count ? static_cast<uint32_t>(held) : count;
+        if (chunk > kTempMsgSize) chunk = kTempMsgSize;
+        int32_t got = readRingBuf(&row.ring_buf, row.temp_msg, chunk);
+        if (got > 0) count -= static_cast<uint32_t>(got);
+    }
+    return true;
+}
+
+void log_header_dump(const uint8_t* data, int32_t len) {
+    pub_util_log_hex("head data:", data, static_cast<size_t>(len), 500);
+}
+
+enum class Step { kNext, kStop, kEnd };
+
+Step wait_for_message_start(AmtChannel& row, bool wait_once) {
+    while (!row.catch_log) {
+        if (!pub_util_msleep(kIdleMs)) return Step::kStop;
+        if (!row.run_flag) return Step::kEnd;
+    }
+    while (isRingBufEmpty(&row.ring_buf) == 1) {
+        if (!row.rcv_sem.wait()) return pub_util_stop_requested() ? Step::kStop : Step::kEnd;
+        if (wait_once) break;
+    }
+    return Step::kNext;
+}
+
+}  // namespace
+
+int get_msg_head(uint32_t index) {
+    AmtChannel& row = listAmtSrv[index];
+    uint32_t size = header_size(index);
+    if (!wait_for_bytes(row, size)) return 0;
+    take_bytes(row, size);
+    return 0;
+}
+
+int get_msg_body(uint32_t index) {
+    AmtChannel& row = listAmtSrv[index];
+    uint32_t rest = row.m_nLoadLen - static_cast<uint32_t>(row.temp_msg_process_len);
+    if (verbose_log()) {
+        log_dbg("get_msg_body, i:%d, m_nLoadLen:%d, temp_msg_process_len:%d.", static_cast<int>(index),
+                static_cast<int>(row.m_nLoadLen), row.temp_msg_process_len);
+    }
+    if (rest == 0) return 0;
+    if (!wait_for_bytes(row, rest)) return 0;
+    take_bytes(row, rest);
+    if (verbose_log()) {
+        log_dbg("get_msg_body end, i:%d, m_nLoadLen:%d, temp_msg_process_len:%d.", static_cast<int>(index),
+                static_cast<int>(row.m_nLoadLen), row.temp_msg_process_len);
+        int32_t n = row.temp_msg_process_len < 50 ? row.temp_msg_process_len : 50;
+        pub_util_log_hex("head data:", row.temp_msg, static_cast<size_t>(n), 1000);
+    }
+    return 0;
+}
+
+int check_msg_header(AmtChannel* row, const uint8_t* buf, int32_t len) {
+    if (row == nullptr || buf == nullptr || len == 0) {
+        log_dbg("check_msg_header invalid parameter.");
+        return -1;
+    }
+    std::span<const uint8_t> msg(buf, static_cast<size_t>(len));
+    row->m_msg_cmd = bytes::get_le32(msg, kWfOffMsgId);
+    row->m_nLoadLen = bytes::get_le32(msg, kWfOffTotalLen);
+    if (verbose_log()) {
+        log_dbg("check_msg_header(),message-type:%lu paylod_len:%lu.", static_cast<unsigned long>(row->m_msg_cmd),
+                static_cast<unsigned long>(row->m_nLoadLen));
+        log_header_dump(buf, len);
+    }
+    return 0;
+}
+
+int check_msg_header_ex(AmtChannel* row, const uint8_t* buf, int32_t len) {
+    if (row == nullptr || buf == nullptr || len == 0) {
+        log_dbg("check_msg_header invalid parameter.");
+        return -1;
+    }
+    std::span<const uint8_t> frame(buf, static_cast<size_t>(len));
+    uint32_t frame_len = bytes::get_le32(frame, 4);
+    row->m_msg_cmd = bytes::get_le32(frame, 12);
+    row->m_nLoadLen = frame_len + 8;
+    if (verbose_log()) {
+        log_dbg("check_msg_header_ex(),message-type:%lu paylod_len:%lu.", static_cast<unsigned long>(row->m_msg_cmd),
+                static_cast<unsigned long>(frame_len));
+        log_header_dump(buf, len);
+    }
+    return 0;
+}
+
+void* treat_wfmgr_relate_buf_proc(void*) {
+    AmtChannel& row = listAmtSrv[kChannelWfmgr];
+    ThreadStopScope stop_scope;
+    log_dbg("start treat_wfmgr_relate_buf_proc");
+    while (row.run_flag) {
+        Step s = wait_for_message_start(row, false);
+        if (s == Step::kStop) return channel_thread_stopped();
+        if (s == Step::kEnd) break;
+        row.temp_msg_process_len = 0;
+        get_msg_head(kChannelWfmgr);
+        if (pub_util_stop_requested()) return channel_thread_stopped();
+        check_msg_header(&row, row.temp_msg, row.temp_msg_process_len);
+        if (row.m_nLoadLen < kWfHeaderLen) {
+            // No marker to find the next message by: the stream cannot be
+            // trusted any more, so the link ends as a lost wfmgr does.
+            log_dbg("wfmgr message total_len:%u is below the header size %u, link out of step, closing it.",
+                    row.m_nLoadLen, static_cast<unsigned>(kWfHeaderLen));
+            row.m_socket_conn_status = kConnClosed;
+            pub_util_send_exit_signal();
+            break;
+        }
+        if (row.m_nLoadLen > kWfMsgLenMax) {
+            log_dbg("wfmgr message total_len:%u above %u, msg_id:0x%x skipped.", row.m_nLoadLen, kWfMsgLenMax,
+                    row.m_msg_cmd);
+            if (!skip_bytes(row, row.m_nLoadLen - static_cast<uint32_t>(kWfHeaderLen))) return channel_thread_stopped();
+            continue;
+        }
+        get_msg_body(kChannelWfmgr);
+        if (pub_util_stop_requested()) return channel_thread_stopped();
+        dispatch_msg(&row);
+        if (pub_util_stop_requested()) return channel_thread_stopped();
+    }
+    channel_thread_end(kChannelWfmgr, &AmtChannel::buf_thread_id, "stop treat_wfmgr_relate_buf_proc");
+    return nullptr;
+}
+
+void* treat_chansrv_relate_buf_proc(void*) {
+    AmtChannel& row = listAmtSrv[kChannelPc];
+    ThreadStopScope stop_scope;
+    log_dbg("start treat_chansrv_relate_buf_proc");
+    while (row.run_flag) {
+        Step s = wait_for_message_start(row, true);
+        if (s == Step::kStop) return channel_thread_stopped();
+        if (s == Step::kEnd) break;
+        if (isRingBufEmpty(&row.ring_buf) == 1) continue;
+        row.temp_msg_process_len = 0;
+        memset(row.temp_msg, 0, sizeof(row.temp_msg));
+        if (!find_head(row)) return channel_thread_stopped();
+        memcpy(row.temp_msg, kFrameHead, sizeof(kFrameHead));
+        row.temp_msg_process_len += 4;
+        get_msg_head(kChannelPc);
+        if (pub_util_stop_requested()) return channel_thread_stopped();
+        check_msg_header_ex(&row, row.temp_msg, row.temp_msg_process_len);
+        uint32_t frame_len = row.m_nLoadLen - 8;
+        if (frame_len < kPcFrameLenMin || frame_len > kPcFrameLenMax) {
+            // The head search resumes right behind the 16 header bytes, so a
+            // lying length costs this frame only, not the ones behind it.
+            log_dbg("frame_len:%u out of range (%u-%u), frame of cmd %u dropped.", frame_len, kPcFrameLenMin,
+                    kPcFrameLenMax, row.m_msg_cmd);
+            continue;
+        }
+        get_msg_body(kChannelPc);
+        if (pub_util_stop_requested()) return channel_thread_stopped();
+        dispatch_msg_ex(&row);
+        if (pub_util_stop_requested()) return channel_thread_stopped();
+    }
+    channel_thread_end(kChannelPc, &AmtChannel::buf_thread_id, "stop treat_chansrv_relate_buf_proc");
+    return nullptr;
+}
