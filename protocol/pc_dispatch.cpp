@@ -1,0 +1,133 @@
+// dispatch_msg_ex runs on the PC transfer thread, one frame at a time, with
+// the frame in the row's temp_msg (zeroed behind the frame).
+#include "protocol/pc_dispatch.hpp"
+
+#include <cerrno>
+#include <cstring>
+
+#include "process/bytes.hpp"
+#include "protocol/verbose_scope.hpp"
+#include "protocol/wf_msg.hpp"
+#include "services/wf_id.hpp"
+
+AmtPayloadStore amt_info_trans_req_store{};
+AmtPayloadStore amt_info_trans_cnf_store{};
+
+namespace {
+
+constexpr size_t kInfoTransReqBufSize = 4196;
+
+// The agent's own commands. Entries without a handler are forwarded to wfmgr
+// like any other number until their service answers them here.
+const PcCommand kPcCommands[] = {
+    {17, "treat_ovta_enter_amt_cmd", nullptr},
+    {45, "treat_version_cmd", nullptr},
+    {61, "treat_read_table_flash_cmd", nullptr},
+    {63, "treat_write_table_flash_cmd", nullptr},
+    {65, "treat_read_outdate_cmd", nullptr},
+    {67, "treat_write_outdate_cmd", nullptr},
+    {85, "treat_read_board_cmd", nullptr},
+    {87, "treat_write_board_cmd", nullptr},
+    {89, "treat_read_test_result_cmd", nullptr},
+    {91, "treat_write_test_result_cmd", nullptr},
+    {137, "treat_readcapability_card_cmd", nullptr},
+};
+
+// Copies cmd, body and frame_crc of the frame into the store. False when the
+// frame has nothing to forward or would not fit the store.
+bool get_amt_req_valid_data(const AmtChannel& row) {
+    VerboseScope scope("get_amt_req_valid_data");
+    if (row.temp_msg_process_len == 0) {
+        log_dbg("get_amt_req_valid_data invalide parameter.");
+        return false;
+    }
+    uint32_t frame_len = bytes::get_le32(row.temp_msg, 4);
+    uint32_t len = frame_len - 4;
+    if (frame_len < 8 || len > sizeof(amt_info_trans_req_store.data) ||
+        12 + static_cast<size_t>(len) > static_cast<size_t>(row.temp_msg_process_len)) {
+        log_dbg("get_amt_req_valid_data payload of %u bytes does not fit the store (%u), cmd %u not forwarded.", len,
+                static_cast<unsigned>(sizeof(amt_info_trans_req_store.data)), row.m_msg_cmd);
+        return false;
+    }
+    amt_info_trans_req_store.len = len;
+    memcpy(amt_info_trans_req_store.data, row.temp_msg + 12, len);
+    return true;
+}
+
+}  // namespace
+
+const PcCommand* find_pc_command(uint32_t cmd) {
+    for (const PcCommand& c : kPcCommands) {
+        if (c.cmd == cmd && c.handler != nullptr) return &c;
+    }
+    return nullptr;
+}
+
+int amt_handle_send_pre_rsp_for_pc() {
+    VerboseScope scope("amt_handle_send_pre_rsp_for_pc");
+    return write_msg_to_socket(amt_pre_response, sizeof(amt_pre_response), kChannelPc);
+}
+
+int send_amt_info_trans_req_msg(uint32_t wf_id) {
+    VerboseScope scope("send_amt_info_trans_req_msg");
+    uint8_t buf[kInfoTransReqBufSize] = {};
+    std::span<uint8_t> msg(buf);
+    if (add_wf_general_msg(buf, sizeof(buf), kWfInfoTransReq) != 0) {
+        log_dbg("construct add_wf_general_msg failure.");
+        return -1;
+    }
+    uint32_t len = amt_info_trans_req_store.len;
+    if (len > sizeof(buf) - kWfHeaderLen) {
+        log_dbg("send_amt_info_trans_req_msg payload of %u bytes too large.", len);
+        return -1;
+    }
+    bytes::put_le32(msg, kWfOffWfId, wf_id);
+    memcpy(buf + kWfOffBody, amt_info_trans_req_store.data, len);
+    bytes::put_le32(msg, kWfOffBodyLen, len);
+    bytes::put_le32(msg, kWfOffTotalLen, len + static_cast<uint32_t>(kWfHeaderLen));
+    uint32_t remainder = 0;
+    if (modify_total_len_by_mod4(buf, sizeof(buf), &remainder) != 0) {
+        log_dbg("call modify_total_len_by_mod4 failure.");
+        return -1;
+    }
+    uint32_t total = bytes::get_le32(msg, kWfOffTotalLen);
+    log_dbg("send_amt_info_trans_req_msg msg_len:%d.", static_cast<int>(total));
+    int r = write_msg_to_socket(buf, static_cast<int32_t>(total), kChannelWfmgr);
+    if (r != 0) {
+        log_dbg("write_msg_to_socket failure error:%d-%s", errno, strerror(errno));
+        return r;
+    }
+    return 0;
+}
+
+int treat_default_msg_ex(AmtChannel* row) {
+    VerboseScope scope("treat_default_msg_ex");
+    if (!get_amt_req_valid_data(*row)) return -1;
+    return send_amt_info_trans_req_msg(get_wf_id());
+}
+
+int dispatch_msg_ex(AmtChannel* row) {
+    if (row == nullptr) {
+        log_dbg("dispatch_msg invalid parameter.");
+        return -1;
+    }
+    if (verbose_log()) {
+        log_dbg("type_id:%d, m_msg_cmd:%lu.", row->type_id, static_cast<unsigned long>(row->m_msg_cmd));
+    }
+    int r = amt_handle_send_pre_rsp_for_pc();
+    if (r != 0) {
+        log_dbg("amt_handle_send_pre_rsp_for_pc return err. return value:%d.", r);
+        return -1;
+    }
+    if (row->m_msg_cmd > kPcCmdMax) {
+        log_dbg("type_id:%d, m_msg_cmd(%lu) is not valid.", row->type_id, static_cast<unsigned long>(row->m_msg_cmd));
+        return 0;
+    }
+    if (const PcCommand* command = find_pc_command(row->m_msg_cmd)) {
+        VerboseScope scope(command->name);
+        command->handler(row);
+    } else {
+        treat_default_msg_ex(row);
+    }
+    return 0;
+}

@@ -1,0 +1,177 @@
+// dispatch_msg runs on the wfmgr transfer thread, one message at a time, with
+// the message in the row's temp_msg. temp_msg is not cleared between messages,
+// so no handler reads past the message it was given (temp_msg_process_len):
+// a field that the message does not hold is refused, never taken from what an
+// earlier, longer message left behind.
+#include "protocol/wf_dispatch.hpp"
+
+#include <cerrno>
+#include <cstring>
+
+#include "process/bytes.hpp"
+#include "process/config.hpp"
+#include "protocol/pc_dispatch.hpp"
+#include "protocol/verbose_scope.hpp"
+#include "protocol/wf_msg.hpp"
+#include "services/rftab_list.hpp"
+
+namespace {
+
+constexpr size_t kSubCmdOffset = 32;
+constexpr size_t kRelateStatusOffset = 20;
+constexpr size_t kRelateWfIdOffset = 24;
+constexpr size_t kRelateWfNameOffset = 28;
+constexpr size_t kRelateWfNameSize = 64;
+constexpr size_t kRelateWfPathOffset = 92;
+constexpr size_t kRelateWfPathSize = 128;
+constexpr size_t kRelateAmtPathOffset = 220;
+constexpr size_t kRelateRfPathOffset = 380;
+constexpr size_t kResLenOffset = 20;
+constexpr size_t kResRowsOffset = 24;
+
+std::span<const uint8_t> message_of(const AmtChannel& row) {
+    size_t len = row.temp_msg_process_len > 0 ? static_cast<size_t>(row.temp_msg_process_len) : 0;
+    return {row.temp_msg, len < kTempMsgSize ? len : kTempMsgSize};
+}
+
+// The zero-terminated text in msg[off, off + field), or null when the field
+// does not lie wholly in the message or holds no terminator.
+const char* text_field(std::span<const uint8_t> msg, size_t off, size_t field) {
+    if (off >= msg.size()) return nullptr;
+    size_t avail = msg.size() - off < field ? msg.size() - off : field;
+    const void* nul = memchr(msg.data() + off, 0, avail);
+    return nul ? reinterpret_cast<const char*>(msg.data() + off) : nullptr;
+}
+
+}  // namespace
+
+int send_amt_info_to_pc() {
+    VerboseScope scope("send_amt_info_to_pc");
+    AmtPayloadStore& store = amt_info_trans_cnf_store;
+    if (store.len == 0) store.len = get_amt_msg_len(store.data);
+    if (store.len == 0 || store.len > sizeof(store.data)) {
+        log_dbg("%d", 1);
+        return kRetInvalidParam;
+    }
+    int r = write_msg_to_socket(store.data, static_cast<int32_t>(store.len), kChannelPc);
+    if (r != 0) {
+        log_dbg("write_msg_to_socket failure error:%d-%s", errno, strerror(errno));
+        return r;
+    }
+    if (verbose_log()) pub_util_log_hex("head data:", store.data, store.len < 100 ? store.len : 100, 1500);
+    return 0;
+}
+
+int treat_default_msg(AmtChannel* row) {
+    std::span<const uint8_t> msg = message_of(*row);
+    log_dbg("treat_default_msg type_id:%d, cmd_id:0x%x, wf_id:%d.", row->type_id, bytes::get_le32(msg, kWfOffMsgId),
+            static_cast<int>(bytes::get_le32(msg, kWfOffWfId)));
+    return 0;
+}
+
+int treat_wfmgr_amt_info_trans_cnf_msg(AmtChannel* row) {
+    VerboseScope scope("treat_wfmgr_amt_info_trans_cnf_msg");
+    std::span<const uint8_t> msg = message_of(*row);
+    uint32_t body_len = bytes::get_le32(msg, kWfOffBodyLen);
+    uint32_t wf_id = bytes::get_le32(msg, kWfOffWfId);
+    log_dbg("treat_wfmgr_amt_info_trans_cnf_msg ,body_len:%d,wf_id:%d.", static_cast<int>(body_len),
+            static_cast<int>(wf_id));
+    AmtPayloadStore& store = amt_info_trans_cnf_store;
+    if (body_len == 0) {
+        log_dbg("info transfer confirm with an empty body: nothing to pass on.");
+        return kRetInvalidParam;
+    }
+    if (body_len > sizeof(store.data) || body_len > msg.size() - kWfHeaderLen) {
+        log_dbg("info transfer confirm body_len:%u does not fit (store %u, message body %u): dropped.", body_len,
+                static_cast<unsigned>(sizeof(store.data)), static_cast<unsigned>(msg.size() - kWfHeaderLen));
+        return kRetBadSize;
+    }
+    store.len = body_len;
+    memcpy(store.data, msg.data() + kWfOffBody, body_len);
+
+    // The sub-command word is the body's fourth word; a shorter body has none
+    // and is an answer for the PC.
+    uint32_t sub = body_len >= kSubCmdOffset + 4 - kWfHeaderLen ? bytes::get_le32(msg, kSubCmdOffset) : 0;
+    if (sub == kFileReadSubCmd || sub == kFileModifySubCmd) {
+        log_dbg("info transfer confirm file request %u: file service not available, dropped.", sub);
+        return kRetGeneral;
+    }
+    if (body_len > kAmtStorePayloadMaxForPc) {
+        log_dbg("info transfer confirm body_len:%u above %u for the PC: dropped.", body_len,
+                static_cast<unsigned>(kAmtStorePayloadMaxForPc));
+        return kRetBadSize;
+    }
+    if (add_amt_head(&store) != 0) return kRetInvalidParam;
+    send_amt_info_to_pc();
+    return 0;
+}
+
+int treat_wfmgr_amt_relate_info_ind_msg(AmtChannel* row) {
+    VerboseScope scope("treat_wfmgr_amt_relate_info_ind_msg");
+    std::span<const uint8_t> msg = message_of(*row);
+    const char* amt_path = text_field(msg, kRelateAmtPathOffset, kCfgPathSize);
+    const char* rf_path = text_field(msg, kRelateRfPathOffset, kCfgPathSize);
+    if (amt_path == nullptr || rf_path == nullptr) {
+        // A path without its terminator inside the 160 bytes of the field, or
+        // cut off by the message's end, would point the files somewhere else:
+        // both directories stay as they were.
+        log_dbg("relate info indication of %u bytes: amt_file_path or rf_code_file_path missing or longer than %u "
+                "characters, ignored.",
+                static_cast<unsigned>(msg.size()), static_cast<unsigned>(kCfgPathSize - 1));
+        return kRetInvalidParam;
+    }
+    cfg_set_rf_relate_path(rf_path);
+    if (amt_path[0] != '\0') cfg_set_amt_relate_path(amt_path);
+    if (verbose_log()) {
+        char wf_name[kRelateWfNameSize + 1] = {};
+        char wf_path[kRelateWfPathSize + 1] = {};
+        memcpy(wf_name, msg.data() + kRelateWfNameOffset, kRelateWfNameSize);
+        memcpy(wf_path, msg.data() + kRelateWfPathOffset, kRelateWfPathSize);
+        log_dbg("status:%d, wf_id:%d, wf_name:%s, wf_path:%s, rf_code_file_path:%s, amt_file_path:%s, .",
+                msg[kRelateStatusOffset], static_cast<int>(bytes::get_le32(msg, kRelateWfIdOffset)), wf_name, wf_path,
+                rf_path, amt_path);
+        char amt[kCfgPathSize];
+        cfg_get_amt_relate_path(amt);
+        log_dbg("config_file_st.m_amt_relate_path:%s, .", amt);
+    }
+    return 0;
+}
+
+int treat_wfmgr_amt_res_info_ind_msg(AmtChannel* row) {
+    VerboseScope scope("treat_wfmgr_amt_res_info_ind_msg");
+    std::span<const uint8_t> msg = message_of(*row);
+    uint32_t len = bytes::get_le32(msg, kResLenOffset);
+    size_t present = msg.size() > kResRowsOffset ? msg.size() - kResRowsOffset : 0;
+    if (msg.size() < kResRowsOffset || len > present) {
+        log_dbg("res info indication len:%u but the message holds %u bytes of rows: ignored.", len,
+                static_cast<unsigned>(present));
+        return kRetBadSize;
+    }
+    if (len > kRftabListSize) {
+        log_dbg("res info indication len:%u above %u: only the first %u rows are taken.", len,
+                static_cast<unsigned>(kRftabListSize), static_cast<unsigned>(kRftabMaxRows));
+        len = static_cast<uint32_t>(kRftabListSize);
+    }
+    uint32_t count = rftab_list_replace(msg.data() + kResRowsOffset, len);
+    if (verbose_log()) log_dbg("len:%d, g_wfmgr_rftab_info_count:%d.", static_cast<int>(len), static_cast<int>(count));
+    return 0;
+}
+
+int dispatch_msg(AmtChannel* row) {
+    if (row == nullptr) {
+        log_dbg("dispatch_msg invalid parameter.");
+        return -1;
+    }
+    if (verbose_log()) {
+        log_dbg("type_id:%d, m_msg_cmd:%lu.", row->type_id, static_cast<unsigned long>(row->m_msg_cmd));
+    }
+    switch (row->m_msg_cmd) {
+        case kWfInfoTransCnf: treat_wfmgr_amt_info_trans_cnf_msg(row); break;
+        case kWfRelateInfoInd: treat_wfmgr_amt_relate_info_ind_msg(row); break;
+        case kWfResInfoInd: treat_wfmgr_amt_res_info_ind_msg(row); break;
+        // The load confirm and the file requests are answered by their
+        // services once those are in place; until then they are logged.
+        default: treat_default_msg(row); break;
+    }
+    return 0;
+}
