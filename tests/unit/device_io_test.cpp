@@ -1,0 +1,132 @@
+#include <atomic>
+#include <cstring>
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <pthread.h>
+#include <unistd.h>
+#include <vector>
+
+#include "log_capture.hpp"
+#include "process/pub_util.hpp"
+
+namespace {
+
+TEST(WriteToDevice, RefusesBadArguments) {
+    LogCapture log;
+    uint8_t b = 1;
+    EXPECT_EQ(write_to_device(0, &b, 1), -1);
+    EXPECT_EQ(write_to_device(-1, &b, 1), -1);
+    EXPECT_EQ(write_to_device(5, nullptr, 1), -1);
+    EXPECT_EQ(write_to_device(5, &b, 0), -1);
+    EXPECT_TRUE(log.contains("fd(0) is not valid."));
+    EXPECT_TRUE(log.contains("buf_ptr is null"));
+    EXPECT_TRUE(log.contains("buf_len(0) is not valid."));
+}
+
+TEST(WriteToDevice, GivesUpAfterItsTriesAndReportsTheUnsentBytes) {
+    signal(SIGPIPE, SIG_IGN);
+    int p[2];
+    ASSERT_EQ(pipe(p), 0);
+    close(p[0]);  // every write fails with EPIPE
+    LogCapture log;
+    uint8_t buf[24] = {};
+    EXPECT_EQ(write_to_device(p[1], buf, sizeof(buf)), 0);  // a time-out looks like success
+    EXPECT_TRUE(log.contains("write to device failure (timeout) len_tmp:24, fd:"));
+    close(p[1]);
+}
+
+// A peer that drains slowly: a non-blocking descriptor that fills up must
+// neither lose nor reorder a byte.
+TEST(WriteToDevice, WaitsForAFullDescriptorAndDeliversEveryByte) {
+    int p[2];
+    ASSERT_EQ(pipe2(p, O_NONBLOCK), 0);
+    std::vector<uint8_t> data(300000);
+    for (size_t i = 0; i < data.size(); ++i) data[i] = static_cast<uint8_t>(i * 7 + i / 251);
+    std::vector<uint8_t> got;
+    std::atomic<bool> done{false};
+    pthread_t reader{};
+    struct Ctx {
+        int fd;
+        std::vector<uint8_t>* got;
+        std::atomic<bool>* done;
+        size_t want;
+    } ctx{p[0], &got, &done, data.size()};
+    pthread_create(
+        &reader, nullptr,
+        [](void* a) -> void* {
+            auto* c = static_cast<Ctx*>(a);
+            uint8_t buf[4096];
+            while (c->got->size() < c->want) {
+                usleep(200);
+                ssize_t n = read(c->fd, buf, sizeof(buf));
+                if (n > 0) c->got->insert(c->got->end(), buf, buf + n);
+            }
+            *c->done = true;
+            return nullptr;
+        },
+        &ctx);
+    EXPECT_EQ(write_to_device(p[1], data.data(), static_cast<uint32_t>(data.size())), 0);
+    pthread_join(reader, nullptr);
+    EXPECT_TRUE(got == data);
+    close(p[0]);
+    close(p[1]);
+}
+
+TEST(ReadLine, ReportsTheEndAndCutsLongLines) {
+    FILE* f = tmpfile();
+    ASSERT_NE(f, nullptr);
+    fputs("short\nabcdefghij", f);
+    rewind(f);
+    char buf[8];
+    int32_t len = -1;
+    uint8_t end = 9;
+    EXPECT_EQ(read_line(f, buf, sizeof(buf), &len, &end), 0);
+    EXPECT_STREQ(buf, "short\n");
+    EXPECT_EQ(read_line(f, buf, sizeof(buf), &len, &end), 0);
+    EXPECT_STREQ(buf, "abcdef");  // size 8: at most 6 characters
+    EXPECT_EQ(len, 6);
+    while (read_line(f, buf, sizeof(buf), &len, &end) == 0 && !end) {
+    }
+    EXPECT_EQ(end, 1);
+    EXPECT_EQ(len, 0);
+    EXPECT_EQ(read_line(nullptr, buf, sizeof(buf), &len, &end), kRetInvalidParam);
+    fclose(f);
+}
+
+TEST(Timers, HandlesEndAtNoTimerAndAreDeletedOnce) {
+    LogCapture log;
+    TimerHandle h{kNoTimer};
+    deleteTimer(&h);  // silent on no timer
+    setTimer(&h, 1500, kTimerOneShot);
+    EXPECT_TRUE(log.contains("invalid parameter.timerId:-1; timeMSec:1500."));
+    EXPECT_FALSE(log.contains("delete timer"));
+
+    static std::atomic<int> fired{0};
+    createTimer(&h, [](union sigval) { ++fired; });
+    ASSERT_NE(h.load(), kNoTimer);
+    createTimer(&h, [](union sigval) { ++fired; });  // replaces: the old one is deleted first
+    EXPECT_EQ(log.count("delete timer.timerId:"), 1u);
+    setTimer(&h, 20, kTimerOneShot);
+    while (fired.load() == 0) usleep(1000);
+    deleteTimer(&h);
+    deleteTimer(&h);
+    EXPECT_EQ(h.load(), kNoTimer);
+    EXPECT_EQ(log.count("delete timer.timerId:"), 2u);
+}
+
+TEST(HostLog, EachLineOfARecordGetsThePrefixAndLongLinesAreCut) {
+    LogCapture log;
+    log_dbg("\n    first\n    second");
+    std::string pid = std::to_string(getpid());
+    std::string prefix = "D/OVTA_AMT(" + pid + "): ";
+    EXPECT_TRUE(log.contains(prefix + "\n" + prefix + "    first\n" + prefix + "    second\n"));
+    log_err("will exit\r\n");
+    EXPECT_TRUE(log.contains("E/OVTA_AMT(" + pid + "): will exit\n"));
+
+    std::string lng(2000, 'z');
+    log_dbg("%s", lng.c_str());
+    EXPECT_TRUE(log.contains(prefix + std::string(1023, 'z') + "\n"));
+    EXPECT_FALSE(log.contains(std::string(1024, 'z')));
+}
+
+}  // namespace

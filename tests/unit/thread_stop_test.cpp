@@ -1,0 +1,101 @@
+// A stop request must end every kind of blocking wait at once, without help
+// from the code the thread runs, and leave the thread joinable.
+#include <atomic>
+#include <functional>
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <pthread.h>
+#include <unistd.h>
+
+#include "channel/event_sem.hpp"
+#include "log_capture.hpp"
+#include "process/pub_util.hpp"
+
+namespace {
+
+struct Blocked {
+    std::function<bool()> wait;  // returns true if the wait ended normally
+    std::atomic<bool> registered{false};
+    std::atomic<int> outcome{-1};  // 1 ended normally, 0 stopped
+};
+
+void* blocked_proc(void* arg) {
+    auto* b = static_cast<Blocked*>(arg);
+    ThreadStopScope scope;
+    b->registered = true;
+    bool normal = b->wait();
+    b->outcome = normal ? 1 : 0;
+    if (!normal) pub_util_handle_thread_signal(SIGUSR1);
+    return nullptr;
+}
+
+// Starts a thread that blocks in wait, stops it, and joins it.
+int stop_blocked(std::function<bool()> wait) {
+    Blocked b;
+    b.wait = std::move(wait);
+    pthread_t tid{};
+    EXPECT_EQ(pthread_create(&tid, nullptr, blocked_proc, &b), 0);
+    while (!b.registered) usleep(1000);
+    usleep(20000);  // let it reach its wait
+    ThreadHandle handle{tid};
+    EXPECT_EQ(pub_util_kill_thread(&handle), 0);
+    EXPECT_EQ(handle.load(), pthread_t{});
+    EXPECT_EQ(pthread_join(tid, nullptr), 0);
+    return b.outcome;
+}
+
+TEST(ThreadStop, EndsASleep) {
+    EXPECT_EQ(stop_blocked([] { return pub_util_msleep(600000); }), 0);
+}
+
+TEST(ThreadStop, EndsAReadWaitOnASilentDescriptor) {
+    int p[2];
+    ASSERT_EQ(pipe(p), 0);
+    EXPECT_EQ(stop_blocked([&] { return pub_util_wait_fd(p[0], POLLIN, -1) == 1; }), 0);
+    close(p[0]);
+    close(p[1]);
+}
+
+TEST(ThreadStop, EndsASemaphoreWait) {
+    EventSem sem;
+    ASSERT_TRUE(sem.create(0));
+    EXPECT_EQ(stop_blocked([&] { return sem.wait(); }), 0);
+}
+
+TEST(ThreadStop, StopStaysSetSoTheWayOutCannotBlockAgain) {
+    LogCapture log;
+    EXPECT_EQ(stop_blocked([] {
+                  bool first = pub_util_msleep(600000);
+                  bool second = pub_util_msleep(600000);  // returns at once
+                  return first || second || !pub_util_stop_requested();
+              }),
+              0);
+    EXPECT_TRUE(log.contains("will be end"));
+}
+
+TEST(ThreadStop, NoThreadAndEndedThreadGiveZeroAndKeepTheHandle) {
+    ThreadHandle none{pthread_t{}};
+    EXPECT_EQ(pub_util_kill_thread(&none), 0);
+
+    pthread_t tid{};
+    ASSERT_EQ(pthread_create(
+                  &tid, nullptr, [](void*) -> void* { ThreadStopScope s; return nullptr; }, nullptr),
+              0);
+    ASSERT_EQ(pthread_join(tid, nullptr), 0);
+    ThreadHandle ended{tid};
+    EXPECT_EQ(pub_util_kill_thread(&ended), 0);
+    EXPECT_EQ(ended.load(), tid);
+}
+
+TEST(EventSemaphore, CountsPostsAndWakesOncePerPost) {
+    EventSem sem;
+    ASSERT_TRUE(sem.create(0));
+    sem.post();
+    sem.post();
+    EXPECT_TRUE(sem.wait());
+    EXPECT_TRUE(sem.wait());
+    sem.destroy();
+    EXPECT_FALSE(sem.wait());  // a destroyed semaphore never blocks
+}
+
+}  // namespace
