@@ -33,11 +33,15 @@ inline bool verbose_log() { return OUTPUT_MORE_LOG.load(std::memory_order_relaxe
 void pub_util_log_hex(const char* label, const uint8_t* data, size_t count, size_t text_size);
 
 // ---- Timers -----------------------------------------------------------------
-// A handle holds kNoTimer or a live POSIX timer. Handles are shared between the
-// receive thread, the monitoring thread and timer threads, so each change is one
-// atomic exchange: a timer is deleted once and its handle ends at kNoTimer.
-using TimerHandle = std::atomic<timer_t>;
-extern const timer_t kNoTimer;
+// A timer runs its handler on a thread of its own at each expiry, never on the
+// thread that armed it (a timerfd on CLOCK_REALTIME, waited on by a detached
+// thread that the timer owns). A handle holds kNoTimer or a live timer. Handles
+// are shared between the receive thread, the monitoring thread and timer
+// threads, so each change is one atomic exchange: a timer is deleted once and
+// its handle ends at kNoTimer. A handler may delete its own timer.
+struct AmtTimer;
+using TimerHandle = std::atomic<AmtTimer*>;
+constexpr AmtTimer* kNoTimer = nullptr;
 using TimerProc = void (*)(union sigval);
 constexpr int kTimerOneShot = 1;
 constexpr int kTimerPeriodic = 2;
@@ -45,7 +49,7 @@ constexpr int kTimerPeriodic = 2;
 void createTimer(TimerHandle* handle, TimerProc proc);
 void setTimer(TimerHandle* handle, int32_t msec, int kind);
 void deleteTimer(TimerHandle* handle);
-// The numeric id of a handle, for log lines.
+// The numeric id of a handle for log lines, -1 for none.
 long timer_log_id(const TimerHandle* handle);
 
 // ---- Threads ----------------------------------------------------------------
