@@ -95,6 +95,7 @@ int receive_msg_data(uint32_t index) {
         log_dbg("g_blnEnumUSBSuccess:%d; g_blnReceivePCResponse:%d; g_handShakeTimer:%lu.", g_blnEnumUSBSuccess.load(),
                 g_blnReceivePCResponse.load(), static_cast<unsigned long>(timer_log_id(&g_handShakeTimer)));
     }
+    if (n <= 0 && row.closed_flag == 1) return kStopped;  // the close woke the read: a stop
     if (n <= 0) {
         int err = errno;
         if (n == 0) {
@@ -133,7 +134,7 @@ void* receive_wfmgr_srv_data_proc(void*) {
     while (row.run_flag) {
         if (row.catch_log) {
             int r = receive_msg_data(kChannelWfmgr);
-            if (pub_util_stop_requested()) return channel_thread_stopped();
+            if (r == kStopped || pub_util_stop_requested()) return channel_thread_stopped();
             if (r != 0) {
                 log_dbg("receive_msg_data return error(%d)", r);
                 break;
@@ -180,7 +181,7 @@ bool wait_socket_accept(AmtChannel& row) {
         row.m_socket_conn_status = kConnOpen;
         while (row.run_flag && row.catch_log) {
             int r = receive_msg_data(kChannelPc);
-            if (pub_util_stop_requested()) return false;
+            if (r == kStopped || pub_util_stop_requested()) return false;
             if (r != 0) {
                 log_dbg("receive_msg_data return error(%d)", r);
                 break;
@@ -212,7 +213,7 @@ void* receive_chansrv_data_proc(void*) {
             continue;
         }
         int r = receive_msg_data(kChannelPc);
-        if (pub_util_stop_requested()) return channel_thread_stopped();
+        if (r == kStopped || pub_util_stop_requested()) return channel_thread_stopped();
         if (r != 0) {
             log_dbg("wait_socket_accept return error(%d)", r);
             break;
