@@ -1,3 +1,7 @@
+// Building PcFrames: the header of a response, the CRC behind it, the
+// constant pre-response, and the wrapping of a payload from wfmgr into a frame.
+// Everything here works on the caller's buffer only, so both transfer threads
+// may call it at once.
 #include "protocol/pc_frame.hpp"
 
 #include <array>
@@ -7,38 +11,53 @@
 #include "process/bytes.hpp"
 #include "process/pub_util.hpp"
 
+// A frame with frame_len 8, frame_kind 2, no cmd and no body; its last four
+// bytes are amt_crc32 of the first twelve (0x1DEE4A76). Kept as bytes so that
+// the answer every frame gets first costs nothing to produce.
 const uint8_t amt_pre_response[16] = {0xAA, 0xBB, 0xCC, 0xDD, 0x08, 0x00, 0x00, 0x00,
                                       0x02, 0x02, 0x00, 0x00, 0x76, 0x4A, 0xEE, 0x1D};
 
 namespace {
 
-// The reflected CRC-32 table (polynomial 0xEDB88320), built at compile time.
+constexpr size_t kOffFrameLen = 4;
+constexpr size_t kOffTag = 8;
+constexpr size_t kOffKind = 9;
+constexpr size_t kOffReserved = 10;
+constexpr size_t kOffCmd = 12;
+constexpr size_t kCrcLen = 4;
+constexpr size_t kWrapFront = 12;  // head, frame_len, tag, kind, reserved
+
+// The table of the reflected CRC-32 polynomial 0xEDB88320. It is complete
+// before the program starts, so no thread ever sees it half built.
 constexpr std::array<uint32_t, 256> make_crc_table() {
     std::array<uint32_t, 256> table{};
-    for (uint32_t i = 0; i < 256; ++i) {
+    for (uint32_t i = 0; i < table.size(); ++i) {
         uint32_t c = i;
-        for (int k = 0; k < 8; ++k) c = (c & 1) ? (c >> 1) ^ 0xEDB88320u : c >> 1;
+        for (int bit = 0; bit < 8; ++bit) c = (c & 1u) != 0 ? (c >> 1) ^ 0xEDB88320u : c >> 1;
         table[i] = c;
     }
     return table;
 }
 
 constexpr std::array<uint32_t, 256> g_tabCRC32 = make_crc_table();
-static_assert(g_tabCRC32[1] == 0x77073096u && g_tabCRC32[128] == 0xEDB88320u && g_tabCRC32[255] == 0x2D02EF8Du);
+static_assert(g_tabCRC32[1] == 0x77073096u);
+static_assert(g_tabCRC32[128] == 0xEDB88320u);
+static_assert(g_tabCRC32[255] == 0x2D02EF8Du);
 
-inline uint64_t crc_step(uint64_t acc, uint8_t b) {
-    return g_tabCRC32[static_cast<size_t>((acc >> 24) & 0xFF)] ^ ((acc << 8) | b);
-}
+inline uint64_t crc_step(uint64_t acc, uint8_t b) { return g_tabCRC32[(acc >> 24) & 0xFFu] ^ ((acc << 8) | b); }
 
 }  // namespace
 
-// The table is the reflected one while the accumulator shifts left and takes
-// its index from bits 24-31; the input is followed by four zero bytes. This
-// is not the common CRC-32: a library's routine gives other values.
+// The reflected table with a left-shifting accumulator that takes its index
+// from bits 24-31: not the common CRC-32, so a library routine gives other
+// values. The input is followed by four zero bytes, which are fed here
+// directly instead of through a padded copy of the input.
 uint64_t amt_crc32(const uint8_t* data, int32_t n) {
     uint64_t acc = 0;
-    for (int32_t i = 0; data != nullptr && i < n; ++i) acc = crc_step(acc, data[i]);
-    for (int i = 0; i < 4; ++i) acc = crc_step(acc, 0);
+    if (data != nullptr) {
+        for (int32_t i = 0; i < n; ++i) acc = crc_step(acc, data[i]);
+    }
+    for (size_t i = 0; i < kCrcLen; ++i) acc = crc_step(acc, 0);
     return acc;
 }
 
@@ -50,10 +69,10 @@ int32_t add_amt_cmd_general_msg(uint8_t* buf, int32_t size, uint32_t cmd) {
     std::span<uint8_t> frame(buf, kPcHeaderLen);
     memset(buf, 0, kPcHeaderLen);
     memcpy(buf, kFrameHead, sizeof(kFrameHead));
-    bytes::put_le32(frame, 4, 16);
-    buf[8] = kFrameTag;
-    buf[9] = 0;
-    bytes::put_le32(frame, 12, cmd);
+    bytes::put_le32(frame, kOffFrameLen, static_cast<uint32_t>(kPcHeaderLen));
+    frame[kOffTag] = kFrameTag;
+    frame[kOffKind] = 0;
+    bytes::put_le32(frame, kOffCmd, cmd);
     return 0;
 }
 
@@ -62,8 +81,8 @@ int32_t add_amt_crc(uint8_t* buf, int32_t n) {
         log_dbg("%d", 1);
         return kRetInvalidParam;
     }
-    auto crc = static_cast<uint32_t>(amt_crc32(buf, n));
-    bytes::put_le32(std::span<uint8_t>(buf, static_cast<size_t>(n) + 4), static_cast<size_t>(n), crc);
+    std::span<uint8_t> frame(buf, static_cast<size_t>(n) + kCrcLen);
+    bytes::put_le32(frame, static_cast<size_t>(n), static_cast<uint32_t>(amt_crc32(buf, n)));
     return 0;
 }
 
@@ -72,31 +91,36 @@ uint16_t get_amt_msg_len(const uint8_t* p) {
     return bytes::get_le16(std::span<const uint8_t>(p, 2), 0);
 }
 
+// The payload's first word becomes cmd: it lands at offset 12 behind the 12
+// bytes of head, frame_len, tag, kind and reserved, and the CRC goes behind
+// it. A payload of p bytes needs p + 16 bytes of store. An empty payload takes
+// its length from its own first two bytes, which may be left over from an
+// earlier frame, so that length is held to the store like any other. A
+// refused store keeps its len.
 int32_t add_amt_head(AmtPayloadStore* store) {
     if (store == nullptr) {
         log_dbg("%d", 1);
         return kRetInvalidParam;
     }
-    if (store->len == 0) store->len = get_amt_msg_len(store->data);
-    if (store->len == 0) {
+    const uint32_t payload = store->len != 0 ? store->len : get_amt_msg_len(store->data);
+    if (payload == 0) {
         log_dbg("%d", 1);
         return kRetInvalidParam;
     }
-    uint32_t payload = store->len;
     if (payload > kAmtStorePayloadMaxForPc) {
-        log_dbg("add_amt_head payload of %u bytes does not fit a frame in the store (at most %u).", payload,
+        log_dbg("add_amt_head payload len:%u too long for a frame, at most %u.", payload,
                 static_cast<unsigned>(kAmtStorePayloadMaxForPc));
         return kRetInvalidParam;
     }
-    std::span<uint8_t> data(store->data);
-    memmove(store->data + 12, store->data, payload);
+    std::span<uint8_t> frame(store->data);
+    memmove(store->data + kWrapFront, store->data, payload);
     memcpy(store->data, kFrameHead, sizeof(kFrameHead));
-    bytes::put_le32(data, 4, payload + 8);
-    store->data[8] = kFrameTag;
-    store->data[9] = 0;
-    bytes::put_le16(data, 10, 0);
-    store->len = payload + 12;
-    bytes::put_le32(data, store->len, static_cast<uint32_t>(amt_crc32(store->data, static_cast<int32_t>(store->len))));
-    store->len += 4;
+    bytes::put_le32(frame, kOffFrameLen, payload + 8);
+    frame[kOffTag] = kFrameTag;
+    frame[kOffKind] = 0;
+    bytes::put_le16(frame, kOffReserved, 0);
+    const uint32_t covered = payload + static_cast<uint32_t>(kWrapFront);
+    bytes::put_le32(frame, covered, static_cast<uint32_t>(amt_crc32(store->data, static_cast<int32_t>(covered))));
+    store->len = covered + static_cast<uint32_t>(kCrcLen);
     return 0;
 }

@@ -1,3 +1,5 @@
+// Building WfMsgs: the 20-byte header and the total-length rule. Both work on
+// the caller's buffer only.
 #include "protocol/wf_msg.hpp"
 
 #include <span>
@@ -20,16 +22,18 @@ int32_t add_wf_general_msg(uint8_t* buf, int32_t size, uint32_t msg_id) {
     return 0;
 }
 
-// The rule adds the remainder itself, not the complement to the next multiple
-// of four: 37 becomes 38, 39 becomes 42. The peer reads total_len bytes.
+// wfmgr reads exactly total_len bytes, and it expects the length grown by its
+// remainder modulo 4, not rounded up: 37 goes out as 38 and 39 as 42. The rule
+// is applied once per message; the bytes it adds carry no meaning but must lie
+// inside the buffer, or the send would read past it.
 int32_t modify_total_len_by_mod4(uint8_t* buf, int32_t size, uint32_t* remainder) {
     if (buf == nullptr || size < static_cast<int32_t>(kWfHeaderLen)) {
         log_dbg("modify_total_len_by_mod4 Invalid parameter .");
         return kRetBadSize;
     }
     std::span<uint8_t> msg(buf, static_cast<size_t>(size));
-    uint32_t total = bytes::get_le32(msg, kWfOffTotalLen);
-    uint32_t r = total % 4;
+    const uint32_t total = bytes::get_le32(msg, kWfOffTotalLen);
+    const uint32_t r = total % 4;
     if (static_cast<uint64_t>(total) + r > static_cast<uint64_t>(size)) {
         log_dbg("modify_total_len_by_mod4 Invalid parameter .");
         return kRetBadSize;
