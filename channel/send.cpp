@@ -2,7 +2,6 @@
 // service. Called from both transfer threads, also for one and the same row.
 #include <cerrno>
 #include <cstring>
-#include <chrono>
 #include <mutex>
 
 #include "channel/channel_internal.hpp"
@@ -14,11 +13,11 @@ namespace {
 // messages whole on the wire instead of interleaving their pieces. A sender
 // may hold it for long while the peer does not drain its side, so the wait for
 // it watches the waiting thread's stop request.
-std::timed_mutex g_send_lock[2];
+std::mutex g_send_lock[2];
 
-bool lock_for_sending(std::timed_mutex& lock) {
-    while (!lock.try_lock_for(std::chrono::milliseconds(10))) {
-        if (pub_util_stop_requested()) return false;
+bool lock_for_sending(std::mutex& lock) {
+    while (!lock.try_lock()) {
+        if (!pub_util_msleep(1)) return false;
     }
     return true;
 }
@@ -51,7 +50,7 @@ int write_msg_to_socket(const uint8_t* buf, int32_t len, uint32_t index) {
         return 0;
     }
     if (!lock_for_sending(g_send_lock[index])) return -1;
-    std::lock_guard<std::timed_mutex> hold(g_send_lock[index], std::adopt_lock);
+    std::lock_guard<std::mutex> hold(g_send_lock[index], std::adopt_lock);
     if (write_to_device(channel_io_fd(row), buf, static_cast<uint32_t>(len)) != 0) {
         log_dbg("write failure error:%d-%s", errno, strerror(errno));
         return -1;

@@ -1,19 +1,19 @@
-// Signal handling. The handler of the five exit signals does nothing but hand
-// the signal number to the signal thread through a pipe (a write is safe in a
-// handler); the signal thread does the logging, the teardown and the exit,
-// where that work is safe. The exit signals are blocked on every other thread,
-// so they normally reach the signal thread directly.
+// Signal handling. SIGINT, SIGTERM and SIGQUIT are blocked on every thread and
+// taken by a signal thread with sigwaitinfo; that thread does the logging, the
+// one teardown and the exit, where that work is safe.
 //
-// A SIGSEGV or SIGBUS raised by a fault arrives on the faulting thread and
-// cannot be handed on: returning would fault again. Its handler writes the
-// exit lines with async-signal-safe calls and ends the process with code 0,
-// without a teardown of state that may be corrupt. The same signals sent by
-// another process take the ordinary road.
+// SIGSEGV and SIGBUS cannot be blocked: a fault delivers them to the faulting
+// thread whatever its mask. Their handler tells the two cases apart:
+// - sent by another process (si_code <= 0): it is handed to the signal thread
+//   with sigqueue on a reserved real-time signal carrying the number, and the
+//   service ends by the ordinary road;
+// - raised by a fault: returning would fault again and the state may be
+//   corrupt, so the handler writes the exit lines with async-signal-safe calls
+//   and ends the process with code 0 at once, without a teardown.
 #include <cerrno>
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
-#include <fcntl.h>
 #include <pthread.h>
 #include <unistd.h>
 
@@ -24,7 +24,8 @@
 namespace {
 
 constexpr int kExitSignals[] = {SIGINT, SIGTERM, SIGSEGV, SIGBUS, SIGQUIT};
-int g_signal_pipe[2] = {-1, -1};
+
+int forward_signal() { return SIGRTMAX - 1; }
 
 void format_signal_line(char* out, size_t cap, const char* text, int sig) {
     size_t pos = 0;
@@ -40,21 +41,21 @@ void format_signal_line(char* out, size_t cap, const char* text, int sig) {
     out[pos] = '\0';
 }
 
-void exit_signal_handler(int sig, siginfo_t* info, void*) {
-    int saved = errno;
-    bool fault = (sig == SIGSEGV || sig == SIGBUS) && info != nullptr && info->si_code > 0;
-    if (fault) {
-        char line[64];
-        format_signal_line(line, sizeof(line), "receive signal: ", sig);
-        platform::log_write_async_safe(platform::kLogDebug, kLogTag, line);
-        platform::log_write_async_safe(platform::kLogDebug, kLogTag, "receive signal to exit\n");
-        platform::log_write_async_safe(platform::kLogDebug, kLogTag, "will exit\r\n");
-        _exit(0);
+void fault_signal_handler(int sig, siginfo_t* info, void*) {
+    if (info != nullptr && info->si_code <= 0) {
+        int saved = errno;
+        union sigval value {};
+        value.sival_int = sig;
+        sigqueue(getpid(), forward_signal(), value);
+        errno = saved;
+        return;
     }
-    auto b = static_cast<unsigned char>(sig);
-    ssize_t n = write(g_signal_pipe[1], &b, 1);
-    (void)n;
-    errno = saved;
+    char line[64];
+    format_signal_line(line, sizeof(line), "receive signal: ", sig);
+    platform::log_write_async_safe(platform::kLogDebug, kLogTag, line);
+    platform::log_write_async_safe(platform::kLogDebug, kLogTag, "receive signal to exit\n");
+    platform::log_write_async_safe(platform::kLogDebug, kLogTag, "will exit\r\n");
+    _exit(0);
 }
 
 void handle_exit_signal(int sig) {
@@ -66,20 +67,27 @@ void handle_exit_signal(int sig) {
     exit(0);
 }
 
-void* signal_thread_proc(void*) {
+sigset_t waited_signals() {
     sigset_t set;
     sigemptyset(&set);
-    for (int s : kExitSignals) sigaddset(&set, s);
-    pthread_sigmask(SIG_UNBLOCK, &set, nullptr);
+    sigaddset(&set, SIGINT);
+    sigaddset(&set, SIGTERM);
+    sigaddset(&set, SIGQUIT);
+    sigaddset(&set, forward_signal());
+    return set;
+}
+
+void* signal_thread_proc(void*) {
+    sigset_t set = waited_signals();
     for (;;) {
-        unsigned char b = 0;
-        ssize_t n = read(g_signal_pipe[0], &b, 1);
-        if (n == 1) {
-            handle_exit_signal(b);
-        } else if (n < 0 && errno != EINTR) {
-            log_err("signal pipe read failed: %d - %s", errno, strerror(errno));
+        siginfo_t info{};
+        int sig = sigwaitinfo(&set, &info);
+        if (sig < 0) {
+            if (errno == EINTR) continue;
+            log_err("sigwaitinfo failed: %d - %s", errno, strerror(errno));
             return nullptr;
         }
+        handle_exit_signal(sig == forward_signal() ? info.si_value.sival_int : sig);
     }
 }
 
@@ -87,23 +95,16 @@ void* signal_thread_proc(void*) {
 
 void install_exit_signals() {
     signal(SIGPIPE, SIG_IGN);
-    if (pipe2(g_signal_pipe, O_CLOEXEC) != 0) {
-        log_err("signal pipe: %d - %s", errno, strerror(errno));
-        return;
-    }
     struct sigaction sa {};
-    sa.sa_sigaction = exit_signal_handler;
-    sa.sa_flags = SA_SIGINFO | SA_RESTART;
+    sa.sa_sigaction = fault_signal_handler;
+    sa.sa_flags = SA_SIGINFO;
     sigfillset(&sa.sa_mask);
-    for (int s : kExitSignals) sigaction(s, &sa, nullptr);
+    sigaction(SIGSEGV, &sa, nullptr);
+    sigaction(SIGBUS, &sa, nullptr);
 
-    // Every thread started from here on inherits the blocked exit signals;
-    // only the signal thread takes them.
-    sigset_t set;
-    sigemptyset(&set);
-    sigaddset(&set, SIGINT);
-    sigaddset(&set, SIGTERM);
-    sigaddset(&set, SIGQUIT);
+    // Every thread started from here on inherits the blocked signals; only
+    // the signal thread takes them.
+    sigset_t set = waited_signals();
     pthread_sigmask(SIG_BLOCK, &set, nullptr);
     pthread_t tid{};
     pthread_attr_t attr;
@@ -111,9 +112,5 @@ void install_exit_signals() {
     pthread_attr_setdetachstate(&attr, PTHREAD_CREATE_DETACHED);
     int err = pthread_create(&tid, &attr, signal_thread_proc, nullptr);
     pthread_attr_destroy(&attr);
-    if (err != 0) {
-        // Without the thread the signals are taken where they arrive.
-        log_err("signal thread: %d - %s", err, strerror(err));
-        pthread_sigmask(SIG_UNBLOCK, &set, nullptr);
-    }
+    if (err != 0) log_err("signal thread: %d - %s", err, strerror(err));
 }
