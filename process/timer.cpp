@@ -107,11 +107,11 @@ void setTimer(TimerHandle* handle, int32_t msec, int kind) {
         log_dbg("invalid parameter.timerId:%d; timeMSec:%d.", -1, msec);
         return;
     }
-    itimerspec spec{};
-    spec.it_value.tv_sec = msec / 1000;
-    spec.it_value.tv_nsec = static_cast<long>(msec % 1000) * 1000000L;
-    if (kind == kTimerPeriodic) spec.it_interval = spec.it_value;
-    if (timerfd_settime(timer->timer_fd, 0, &spec, nullptr) != 0) {
+    itimerspec timing{};
+    timing.it_value.tv_sec = msec / 1000;
+    timing.it_value.tv_nsec = static_cast<long>(msec % 1000) * 1000000L;
+    if (kind == kTimerPeriodic) timing.it_interval = timing.it_value;
+    if (timerfd_settime(timer->timer_fd, 0, &timing, nullptr) != 0) {
         log_dbg("timer_settime errorr: %d - %s", errno, strerror(errno));
         return;
     }
