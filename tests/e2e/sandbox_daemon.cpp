@@ -1,0 +1,260 @@
+#include "sandbox_daemon.hpp"
+
+#include <cerrno>
+#include <csignal>
+#include <cstring>
+#include <fcntl.h>
+#include <filesystem>
+#include <poll.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+namespace sandbox {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+constexpr const char* kBwrap = "/usr/bin/bwrap";
+
+// Reads bubblewrap's info JSON from `fd` until it names "child-pid".
+pid_t read_child_pid(int fd, Daemon::Millis timeout) {
+    auto deadline = Clock::now() + timeout;
+    std::string json;
+    for (;;) {
+        auto key = json.find("\"child-pid\"");
+        if (key != std::string::npos) {
+            auto colon = json.find(':', key);
+            if (colon != std::string::npos) {
+                size_t p = colon + 1;
+                while (p < json.size() && json[p] == ' ') ++p;
+                size_t q = p;
+                while (q < json.size() && json[q] >= '0' && json[q] <= '9') ++q;
+                if (q > p && q < json.size()) return static_cast<pid_t>(std::stol(json.substr(p, q - p)));
+            }
+        }
+        auto left = std::chrono::duration_cast<Daemon::Millis>(deadline - Clock::now()).count();
+        if (left <= 0) return -1;
+        pollfd pf{fd, POLLIN, 0};
+        int r = poll(&pf, 1, static_cast<int>(left));
+        if (r < 0 && errno == EINTR) continue;
+        if (r <= 0) return -1;
+        char buf[256];
+        ssize_t n = read(fd, buf, sizeof(buf));
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) return -1;
+        json.append(buf, static_cast<size_t>(n));
+    }
+}
+
+}  // namespace
+
+std::string default_daemon_path() {
+#ifdef OVTA_BINARY_DIR
+    return OVTA_BINARY_DIR "/ovta-amt";
+#else
+    std::error_code ec;
+    auto self = std::filesystem::read_symlink("/proc/self/exe", ec);
+    return (self.parent_path() / "ovta-amt").string();
+#endif
+}
+
+std::unique_ptr<Daemon> Daemon::start(const Phone& phone, const std::vector<std::string>& args,
+                                      std::string* why) {
+    return start(phone, default_daemon_path(), args, why);
+}
+
+std::unique_ptr<Daemon> Daemon::start(const Phone& phone, const std::string& program,
+                                      const std::vector<std::string>& args, std::string* why) {
+    std::string scratch;
+    if (why == nullptr) why = &scratch;
+    int out[2], err[2], info[2];
+    if (pipe2(out, O_CLOEXEC) != 0) return *why = "pipe", nullptr;
+    if (pipe2(err, O_CLOEXEC) != 0) {
+        close(out[0]), close(out[1]);
+        return *why = "pipe", nullptr;
+    }
+    if (pipe2(info, O_CLOEXEC) != 0) {
+        close(out[0]), close(out[1]), close(err[0]), close(err[1]);
+        return *why = "pipe", nullptr;
+    }
+    int null_fd = open("/dev/null", O_RDONLY | O_CLOEXEC);
+
+    // Everything the child needs is built before the fork: after it, only
+    // async-signal-safe calls are allowed in a threaded parent.
+    std::vector<std::string> words = {kBwrap, "--die-with-parent", "--info-fd", std::to_string(info[1])};
+    for (std::string& a : phone.bwrap_args()) words.push_back(std::move(a));
+    words.push_back(program);
+    for (const std::string& a : args) words.push_back(a);
+    std::vector<char*> argv;
+    for (std::string& w : words) argv.push_back(w.data());
+    argv.push_back(nullptr);
+
+    pid_t pid = fork();
+    if (pid == 0) {
+        sigset_t none;
+        sigemptyset(&none);
+        sigprocmask(SIG_SETMASK, &none, nullptr);
+        struct sigaction dfl {};
+        dfl.sa_handler = SIG_DFL;
+        sigaction(SIGPIPE, &dfl, nullptr);
+        if (null_fd >= 0) dup2(null_fd, STDIN_FILENO);
+        dup2(out[1], STDOUT_FILENO);
+        dup2(err[1], STDERR_FILENO);
+        fcntl(info[1], F_SETFD, 0);
+        execv(kBwrap, argv.data());
+        _exit(127);
+    }
+    int fork_errno = errno;
+    close(out[1]);
+    close(err[1]);
+    close(info[1]);
+    if (null_fd >= 0) close(null_fd);
+    if (pid < 0) {
+        close(out[0]), close(err[0]), close(info[0]);
+        *why = std::string("fork: ") + strerror(fork_errno);
+        return nullptr;
+    }
+
+    std::unique_ptr<Daemon> d(new Daemon());
+    d->bwrap_pid_ = pid;
+    d->out_fd_ = out[0];
+    d->err_fd_ = err[0];
+    d->reader_ = std::thread([p = d.get()] { p->read_output(); });
+    d->reaper_ = std::thread([p = d.get()] { p->reap(); });
+    d->child_pid_ = read_child_pid(info[0], Millis(10000));
+    close(info[0]);
+    if (d->child_pid_ <= 0) {
+        d->wait_exit(Millis(5000));
+        std::string text;
+        for (const std::string& l : d->log_lines()) text += l + "\n";
+        *why = "bubblewrap did not start " + program + ": " + text;
+        return nullptr;
+    }
+    return d;
+}
+
+Daemon::~Daemon() {
+    if (running()) {
+        if (child_pid_ > 0) kill(child_pid_, SIGKILL);
+        kill(bwrap_pid_, SIGKILL);
+    }
+    if (reaper_.joinable()) reaper_.join();
+    if (reader_.joinable()) reader_.join();
+    if (out_fd_ >= 0) close(out_fd_);
+    if (err_fd_ >= 0) close(err_fd_);
+}
+
+void Daemon::append_err(const char* data, size_t len) {
+    // Caller holds mu_.
+    for (size_t i = 0; i < len; ++i) {
+        if (data[i] == '\n') {
+            err_lines_.push_back(std::move(err_partial_));
+            err_partial_.clear();
+        } else {
+            err_partial_.push_back(data[i]);
+        }
+    }
+}
+
+void Daemon::read_output() {
+    pollfd fds[2] = {{out_fd_, POLLIN, 0}, {err_fd_, POLLIN, 0}};
+    int open_count = 2;
+    char buf[4096];
+    while (open_count > 0) {
+        int r = poll(fds, 2, -1);
+        if (r < 0) {
+            if (errno == EINTR) continue;
+            break;
+        }
+        for (int i = 0; i < 2; ++i) {
+            if (fds[i].fd < 0 || fds[i].revents == 0) continue;
+            ssize_t n = read(fds[i].fd, buf, sizeof(buf));
+            if (n < 0 && errno == EINTR) continue;
+            std::lock_guard<std::mutex> hold(mu_);
+            if (n <= 0) {
+                fds[i].fd = -1;
+                --open_count;
+            } else if (i == 0) {
+                out_text_.append(buf, static_cast<size_t>(n));
+            } else {
+                append_err(buf, static_cast<size_t>(n));
+            }
+        }
+        cv_.notify_all();
+    }
+    std::lock_guard<std::mutex> hold(mu_);
+    if (!err_partial_.empty()) err_lines_.push_back(std::move(err_partial_));
+    err_partial_.clear();
+    output_done_ = true;
+    cv_.notify_all();
+}
+
+void Daemon::reap() {
+    int status = 0;
+    pid_t r;
+    do {
+        r = waitpid(bwrap_pid_, &status, 0);
+    } while (r < 0 && errno == EINTR);
+    int code = -1;
+    if (r == bwrap_pid_) {
+        if (WIFEXITED(status)) code = WEXITSTATUS(status);
+        else if (WIFSIGNALED(status)) code = 128 + WTERMSIG(status);
+    }
+    std::lock_guard<std::mutex> hold(mu_);
+    exit_code_ = code;
+    cv_.notify_all();
+}
+
+bool Daemon::wait_for_log(std::string_view text, Millis timeout) const {
+    return wait_for_log_count(text, 1, timeout);
+}
+
+bool Daemon::wait_for_log_count(std::string_view text, size_t count, Millis timeout) const {
+    std::unique_lock<std::mutex> lock(mu_);
+    size_t seen = 0, checked = 0;
+    return cv_.wait_for(lock, timeout, [&] {
+        for (; checked < err_lines_.size(); ++checked) {
+            if (err_lines_[checked].find(text) != std::string::npos) ++seen;
+        }
+        return seen >= count;
+    });
+}
+
+size_t Daemon::count_log(std::string_view text) const {
+    std::lock_guard<std::mutex> hold(mu_);
+    size_t n = 0;
+    for (const std::string& l : err_lines_) n += l.find(text) != std::string::npos;
+    return n;
+}
+
+std::vector<std::string> Daemon::log_lines() const {
+    std::lock_guard<std::mutex> hold(mu_);
+    return err_lines_;
+}
+
+std::string Daemon::stdout_text() const {
+    std::lock_guard<std::mutex> hold(mu_);
+    return out_text_;
+}
+
+bool Daemon::signal(int sig) const {
+    std::lock_guard<std::mutex> hold(mu_);
+    // Once bubblewrap is reaped the id may belong to another process.
+    if (exit_code_ || child_pid_ <= 0) return false;
+    return kill(child_pid_, sig) == 0;
+}
+
+std::optional<int> Daemon::wait_exit(Millis timeout) {
+    std::unique_lock<std::mutex> lock(mu_);
+    if (!cv_.wait_for(lock, timeout, [&] { return exit_code_.has_value() && output_done_; })) {
+        return std::nullopt;
+    }
+    return exit_code_;
+}
+
+bool Daemon::running() const {
+    std::lock_guard<std::mutex> hold(mu_);
+    return !exit_code_.has_value();
+}
+
+}  // namespace sandbox
