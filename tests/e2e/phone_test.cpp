@@ -1,0 +1,71 @@
+#include "phone_test.hpp"
+
+#include <cstdlib>
+#include <iostream>
+
+namespace e2e {
+
+std::string message_of(const std::string& line) {
+    auto p = line.find("): ");
+    return p == std::string::npos ? line : line.substr(p + 3);
+}
+
+std::vector<std::string> messages(const sandbox::Daemon& d) {
+    std::vector<std::string> out;
+    for (const std::string& l : d.log_lines()) out.push_back(message_of(l));
+    return out;
+}
+
+void PhoneTest::SetUp() {
+    if (network_ready()) return;
+    if (getenv("CI") != nullptr) FAIL() << "no private network: " << network_problem();
+    GTEST_SKIP() << "network namespaces are not available here (" << network_problem()
+                 << "); the end-to-end tests need them";
+}
+
+void PhoneTest::TearDown() {
+    if (!HasFailure()) return;
+    for (size_t i = 0; i < daemons_.size(); ++i) {
+        std::cerr << "---- log of daemon " << i << " ----\n";
+        for (const std::string& l : daemons_[i]->log_lines()) std::cerr << l << "\n";
+        std::string out = daemons_[i]->stdout_text();
+        if (!out.empty()) std::cerr << "---- stdout of daemon " << i << " ----\n" << out;
+    }
+}
+
+sandbox::Phone* PhoneTest::make_phone(sandbox::PhoneSetup setup) {
+    setup.host_dirs.push_back(OVTA_BINARY_DIR);
+    setup.host_dirs.push_back(OVTA_SOURCE_DIR);
+    std::string why;
+    phone_ = sandbox::Phone::create(setup, &why);
+    EXPECT_NE(phone_, nullptr) << why;
+    return phone_.get();
+}
+
+sandbox::WfmgrPeer* PhoneTest::listen_wfmgr() {
+    std::string why;
+    wfmgr_ = sandbox::WfmgrPeer::listen(sandbox::WfmgrPeer::kPort, &why);
+    EXPECT_NE(wfmgr_, nullptr) << why;
+    return wfmgr_.get();
+}
+
+sandbox::Daemon* PhoneTest::launch(const std::vector<std::string>& args) {
+    if (!phone_ && !make_phone()) return nullptr;
+    std::string why;
+    auto d = sandbox::Daemon::start(*phone_, args, &why);
+    EXPECT_NE(d, nullptr) << why;
+    if (!d) return nullptr;
+    daemons_.push_back(std::move(d));
+    return daemons_.back().get();
+}
+
+sandbox::Daemon* PhoneTest::launch_running(const std::vector<std::string>& args) {
+    if (!wfmgr_ && !listen_wfmgr()) return nullptr;
+    sandbox::Daemon* d = launch(args);
+    if (!d) return nullptr;
+    EXPECT_TRUE(wfmgr_->accept(kWait)) << "the daemon did not connect to wfmgr";
+    EXPECT_TRUE(d->wait_for_log("handle_start success", kWait));
+    return ::testing::Test::HasFailure() ? nullptr : d;
+}
+
+}  // namespace e2e
