@@ -1,0 +1,73 @@
+#include "tools/lib/serial_port.hpp"
+
+#include <cerrno>
+#include <cstring>
+#include <fcntl.h>
+#include <poll.h>
+#include <termios.h>
+
+namespace tools {
+
+UniqueFd open_raw_serial(const std::string& path, std::string* error) {
+    UniqueFd fd(open(path.c_str(), O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC));
+    if (!fd.valid()) {
+        *error = "cannot open " + path + ": " + strerror(errno);
+        return fd;
+    }
+    termios tio{};
+    if (tcgetattr(fd.get(), &tio) != 0) {
+        *error = path + " is no terminal: " + strerror(errno);
+        return UniqueFd();
+    }
+    cfmakeraw(&tio);
+    tio.c_cflag |= CLOCAL | CREAD;
+    tio.c_cc[VMIN] = 0;
+    tio.c_cc[VTIME] = 0;
+    cfsetispeed(&tio, B115200);
+    cfsetospeed(&tio, B115200);
+    if (tcsetattr(fd.get(), TCSANOW, &tio) != 0) {
+        *error = "cannot set raw mode on " + path + ": " + strerror(errno);
+        return UniqueFd();
+    }
+    return fd;
+}
+
+bool write_all(int fd, std::span<const uint8_t> bytes) {
+    size_t done = 0;
+    while (done < bytes.size()) {
+        ssize_t n = write(fd, bytes.data() + done, bytes.size() - done);
+        if (n > 0) {
+            done += static_cast<size_t>(n);
+            continue;
+        }
+        if (n < 0 && errno == EINTR) continue;
+        if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) {
+            pollfd p{fd, POLLOUT, 0};
+            if (poll(&p, 1, 1000) < 0 && errno != EINTR) return false;
+            continue;
+        }
+        return false;
+    }
+    return true;
+}
+
+long read_some(int fd, std::span<uint8_t> buf, Deadline deadline) {
+    for (;;) {
+        auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
+        if (left.count() <= 0) return 0;
+        pollfd p{fd, POLLIN, 0};
+        int ready = poll(&p, 1, static_cast<int>(left.count()));
+        if (ready < 0) {
+            if (errno == EINTR) continue;
+            return -1;
+        }
+        if (ready == 0) return 0;
+        ssize_t n = read(fd, buf.data(), buf.size());
+        if (n > 0) return static_cast<long>(n);
+        if (n < 0 && (errno == EINTR || errno == EAGAIN || errno == EWOULDBLOCK)) continue;
+        // 0 bytes, or EIO on a pseudo-terminal whose other side has closed.
+        return -1;
+    }
+}
+
+}  // namespace tools

@@ -1,0 +1,28 @@
+// The PC end of the serial link: a serial device or a pseudo-terminal in raw
+// mode at 115200 baud, written whole and read against a deadline.
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <span>
+#include <string>
+
+#include "tools/lib/unique_fd.hpp"
+
+namespace tools {
+
+using Deadline = std::chrono::steady_clock::time_point;
+
+// Opens the device and puts it in raw mode. On failure the descriptor is not
+// valid and *error says why.
+UniqueFd open_raw_serial(const std::string& path, std::string* error);
+
+// Writes every byte. False on an error.
+bool write_all(int fd, std::span<const uint8_t> bytes);
+
+// Waits for bytes until the deadline and reads what is there, at most
+// buf.size(). Returns the count, 0 when the deadline passed, -1 on an error
+// or when the other end is gone.
+long read_some(int fd, std::span<uint8_t> buf, Deadline deadline);
+
+}  // namespace tools
