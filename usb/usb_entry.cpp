@@ -53,7 +53,7 @@ int read_file_line(char* dst, const char* path) {
         log_dbg("read fail: %d - %s", errno, strerror(errno));
         return kRetResource;
     }
-    strncpy(dst, local, kLineSize - 1);
+    memcpy(dst, local, kLineSize - 1);  // local is terminated within its first 99 bytes
     log_dbg("read content: %s", dst);
     return 0;
 }

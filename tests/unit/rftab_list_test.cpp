@@ -1,3 +1,4 @@
+#include <algorithm>
 #include <atomic>
 #include <cstring>
 #include <gtest/gtest.h>
@@ -13,7 +14,7 @@ void put_row(uint8_t* rows, size_t i, uint16_t type, const char* name) {
     memset(r, 0, kRftabRowSize);
     r[0] = static_cast<uint8_t>(type);
     r[1] = static_cast<uint8_t>(type >> 8);
-    strncpy(reinterpret_cast<char*>(r + kRftabNameOffset), name, kRftabNameSize - 1);
+    memcpy(r + kRftabNameOffset, name, std::min(strlen(name), kRftabNameSize - 1));
 }
 
 TEST(RfTableList, CountFollowsWholeRowsAndFirstMatchWins) {
