@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "log_capture.hpp"
+#include "process/pub_util.hpp"
 #include "protocol/head_search.hpp"
 
 namespace {
@@ -48,6 +49,18 @@ TEST(HeadSearch, EachByteOfGarbageCostsOneNotMatchLine) {
     EXPECT_TRUE(log.contains("third char not match:20\n"));
     EXPECT_TRUE(log.contains("fourth char not match:30\n"));
     EXPECT_FALSE(log.contains("char match:"));  // match lines are verbose only
+}
+
+TEST(HeadSearch, MatchLinesAppearInVerboseModeOnly) {
+    LogCapture log;
+    OUTPUT_MORE_LOG.store(1);
+    EXPECT_EQ(heads_found({0xAA, 0xBB, 0xCC, 0xDD}), 1);
+    OUTPUT_MORE_LOG.store(0);
+    EXPECT_TRUE(log.contains("first char match:aa\n"));
+    EXPECT_TRUE(log.contains("second char match:bb\n"));
+    EXPECT_TRUE(log.contains("third char match:cc\n"));
+    EXPECT_TRUE(log.contains("fourth char match:dd\n"));
+    EXPECT_EQ(log.count("not match"), 0u);
 }
 
 }  // namespace
