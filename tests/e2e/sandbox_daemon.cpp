@@ -16,34 +16,36 @@ using Clock = std::chrono::steady_clock;
 
 constexpr const char* kBwrap = "/usr/bin/bwrap";
 
-// Reads bubblewrap's info JSON from `fd` until it names "child-pid".
+// Reads bubblewrap's info JSON from `fd` to its end and returns "child-pid".
+// The whole text must be read: bubblewrap writes it in pieces, and a closed
+// pipe would kill it by SIGPIPE between two of them, before it lets its child
+// go on, which then waits for ever.
 pid_t read_child_pid(int fd, Daemon::Millis timeout) {
     auto deadline = Clock::now() + timeout;
     std::string json;
     for (;;) {
-        auto key = json.find("\"child-pid\"");
-        if (key != std::string::npos) {
-            auto colon = json.find(':', key);
-            if (colon != std::string::npos) {
-                size_t p = colon + 1;
-                while (p < json.size() && json[p] == ' ') ++p;
-                size_t q = p;
-                while (q < json.size() && json[q] >= '0' && json[q] <= '9') ++q;
-                if (q > p && q < json.size()) return static_cast<pid_t>(std::stol(json.substr(p, q - p)));
-            }
-        }
         auto left = std::chrono::duration_cast<Daemon::Millis>(deadline - Clock::now()).count();
-        if (left <= 0) return -1;
+        if (left <= 0) break;
         pollfd pf{fd, POLLIN, 0};
         int r = poll(&pf, 1, static_cast<int>(left));
         if (r < 0 && errno == EINTR) continue;
-        if (r <= 0) return -1;
+        if (r <= 0) break;
         char buf[256];
         ssize_t n = read(fd, buf, sizeof(buf));
         if (n < 0 && errno == EINTR) continue;
-        if (n <= 0) return -1;
+        if (n <= 0) break;
         json.append(buf, static_cast<size_t>(n));
+        if (json.find('}') != std::string::npos) break;
     }
+    auto key = json.find("\"child-pid\"");
+    if (key == std::string::npos) return -1;
+    auto colon = json.find(':', key);
+    if (colon == std::string::npos) return -1;
+    size_t p = colon + 1;
+    while (p < json.size() && json[p] == ' ') ++p;
+    size_t q = p;
+    while (q < json.size() && json[q] >= '0' && json[q] <= '9') ++q;
+    return q > p ? static_cast<pid_t>(std::stol(json.substr(p, q - p))) : -1;
 }
 
 }  // namespace
@@ -121,8 +123,8 @@ std::unique_ptr<Daemon> Daemon::start(const Phone& phone, const std::string& pro
     d->err_fd_ = err[0];
     d->reader_ = std::thread([p = d.get()] { p->read_output(); });
     d->reaper_ = std::thread([p = d.get()] { p->reap(); });
+    d->info_fd_ = info[0];  // open for the program's life: no SIGPIPE for bubblewrap
     d->child_pid_ = read_child_pid(info[0], Millis(10000));
-    close(info[0]);
     if (d->child_pid_ <= 0) {
         d->wait_exit(Millis(5000));
         std::string text;
@@ -142,6 +144,7 @@ Daemon::~Daemon() {
     if (reader_.joinable()) reader_.join();
     if (out_fd_ >= 0) close(out_fd_);
     if (err_fd_ >= 0) close(err_fd_);
+    if (info_fd_ >= 0) close(info_fd_);
 }
 
 void Daemon::append_err(const char* data, size_t len) {

@@ -75,6 +75,7 @@ private:
     pid_t child_pid_ = -1;
     int out_fd_ = -1;
     int err_fd_ = -1;
+    int info_fd_ = -1;
 
     mutable std::mutex mu_;
     mutable std::condition_variable cv_;
