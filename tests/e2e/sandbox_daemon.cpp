@@ -102,6 +102,10 @@ std::unique_ptr<Daemon> Daemon::start(const Phone& phone, const std::string& pro
         if (null_fd >= 0) dup2(null_fd, STDIN_FILENO);
         dup2(out[1], STDOUT_FILENO);
         dup2(err[1], STDERR_FILENO);
+        // Descriptors the test process inherited (ctest's output pipe among
+        // them) must not live on in the sandbox: a leftover holder would keep
+        // ctest waiting for the end of the test's output.
+        close_range(3, ~0U, CLOSE_RANGE_CLOEXEC);
         fcntl(info[1], F_SETFD, 0);
         execv(kBwrap, argv.data());
         _exit(127);
