@@ -1,0 +1,177 @@
+// The bridge between the PC line and wfmgr, over a real pseudo-terminal and a
+// real TCP socket. Expected bytes are written out literally.
+#include <cstring>
+#include <string>
+
+#include "phone_test.hpp"
+
+namespace e2e {
+namespace {
+
+using sandbox::Bytes;
+
+Bytes hex(const std::string& text) {
+    Bytes out;
+    for (size_t i = 0; i + 1 < text.size();) {
+        if (text[i] == ' ') {
+            ++i;
+            continue;
+        }
+        out.push_back(static_cast<uint8_t>(std::stoul(text.substr(i, 2), nullptr, 16)));
+        i += 2;
+    }
+    return out;
+}
+
+Bytes concat(std::initializer_list<Bytes> parts) {
+    Bytes out;
+    for (const Bytes& p : parts) out.insert(out.end(), p.begin(), p.end());
+    return out;
+}
+
+const Bytes kPreResponse = hex("AA BB CC DD 08 00 00 00 02 02 00 00 76 4A EE 1D");
+// Command 100 with body 01 02 03 04 and its CRC.
+const Bytes kFrame100 = hex("AA BB CC DD 10 00 00 00 02 00 00 00 64 00 00 00 01 02 03 04 EB BD B0 AD");
+// Its info transfer request: total_len 32, wf_id all ones, body_len 12, then
+// cmd, body and the frame's CRC.
+const Bytes kRequest100 =
+    hex("20 00 00 00 FF FF FF FF FF FF FF FF 03 00 04 00 0C 00 00 00 64 00 00 00 01 02 03 04 EB BD B0 AD");
+// An info transfer confirm whose body is response 18 with result word 0, and
+// the frame the PC must get for it (the worked frame of response 18).
+const Bytes kConfirm18 = hex("1C 00 00 00 07 00 00 00 FF FF FF FF 04 00 04 00 08 00 00 00 12 00 00 00 00 00 00 00");
+const Bytes kFrame18 = hex("AA BB CC DD 10 00 00 00 02 00 00 00 12 00 00 00 00 00 00 00 DA BD 91 C9");
+
+class Bridge : public PhoneTest {
+protected:
+    void SetUp() override {
+        PhoneTest::SetUp();
+        if (IsSkipped()) return;
+        daemon_ = launch_running({"-m", "1"});
+        ASSERT_NE(daemon_, nullptr);
+        pc_ = std::make_unique<sandbox::PcLine>(phone_->pc_master());
+    }
+
+    void pc_sends(const Bytes& b) { ASSERT_TRUE(pc_->send(b)); }
+    void expect_pc_gets(const Bytes& want) {
+        auto got = pc_->read_exact(want.size(), kWait);
+        ASSERT_TRUE(got.has_value()) << "the PC got fewer than " << want.size() << " bytes";
+        EXPECT_EQ(*got, want);
+    }
+    void expect_wfmgr_gets(const Bytes& want) {
+        auto got = wfmgr_->read_message(kWait);
+        ASSERT_TRUE(got.has_value()) << "wfmgr got no message";
+        EXPECT_EQ(*got, want);
+    }
+
+    sandbox::Daemon* daemon_ = nullptr;
+    std::unique_ptr<sandbox::PcLine> pc_;
+};
+
+TEST_F(Bridge, ForwardedCommandGoesToWfmgrAsItsExactRequestAfterThePreResponse) {
+    pc_sends(kFrame100);
+    expect_pc_gets(kPreResponse);
+    expect_wfmgr_gets(kRequest100);
+}
+
+TEST_F(Bridge, RequestFollowsTheTotalLengthRuleWithZeroFillAndCarriesAWrongCrcUnchanged) {
+    // Body of 3 bytes: a payload of 11, total_len 31 + 3 = 34, three zero bytes behind.
+    pc_sends(hex("AA BB CC DD 0F 00 00 00 02 00 00 00 64 00 00 00 AA BB CC 12 34 56 78"));
+    expect_pc_gets(kPreResponse);
+    expect_wfmgr_gets(hex("22 00 00 00 FF FF FF FF FF FF FF FF 03 00 04 00 0B 00 00 00 "
+                          "64 00 00 00 AA BB CC 12 34 56 78 00 00 00"));
+}
+
+TEST_F(Bridge, ConfirmFromWfmgrReachesThePcAsAFreshFrameWithAFreshCrc) {
+    ASSERT_TRUE(wfmgr_->send(kConfirm18));
+    expect_pc_gets(kFrame18);
+}
+
+TEST_F(Bridge, FrameCutAtEveryByteWithGarbageAheadIsAssembledOnce) {
+    Bytes stream = concat({hex("00 11 AA 22"), kFrame100});
+    for (uint8_t b : stream) {
+        pc_sends({b});
+        std::this_thread::sleep_for(std::chrono::milliseconds(3));
+    }
+    expect_pc_gets(kPreResponse);
+    expect_wfmgr_gets(kRequest100);
+    EXPECT_TRUE(pc_->quiet_for(std::chrono::milliseconds(300)));
+    EXPECT_EQ(daemon_->count_log("first char not match:11"), 1u);
+}
+
+TEST_F(Bridge, TwoFramesInOneWriteAreBothAnswered) {
+    pc_sends(concat({kFrame100, kFrame100}));
+    expect_pc_gets(concat({kPreResponse, kPreResponse}));
+    expect_wfmgr_gets(kRequest100);
+    expect_wfmgr_gets(kRequest100);
+}
+
+TEST_F(Bridge, AHeadBrokenByItsOwnFirstByteIsLostAndTheNextFrameIsFound) {
+    // AA BB CC AA BB CC DD: the fourth byte breaks the match and is consumed,
+    // so the frame that begins there is lost; the one behind it is answered.
+    pc_sends(concat({hex("AA BB CC"), kFrame100, kFrame100}));
+    expect_pc_gets(kPreResponse);
+    expect_wfmgr_gets(kRequest100);
+    EXPECT_TRUE(pc_->quiet_for(std::chrono::milliseconds(300)));
+    EXPECT_TRUE(wfmgr_->quiet_for(std::chrono::milliseconds(300)));
+}
+
+TEST_F(Bridge, CommandNumbersUpTo65535AreForwardedAndAboveAreOnlyAcknowledged) {
+    pc_sends(hex("AA BB CC DD 0C 00 00 00 02 00 00 00 00 00 01 00 00 00 00 00"));  // 65536
+    expect_pc_gets(kPreResponse);
+    EXPECT_TRUE(wfmgr_->quiet_for(std::chrono::milliseconds(300)));
+    EXPECT_TRUE(daemon_->wait_for_log("m_msg_cmd(65536) is not valid.", kWait));
+
+    pc_sends(hex("AA BB CC DD 0C 00 00 00 02 00 00 00 FF FF 00 00 00 00 00 00"));  // 65535
+    expect_pc_gets(kPreResponse);
+    expect_wfmgr_gets(
+        hex("1C 00 00 00 FF FF FF FF FF FF FF FF 03 00 04 00 08 00 00 00 FF FF 00 00 00 00 00 00"));
+}
+
+TEST_F(Bridge, LyingFrameLengthsCostOnlyTheirOwnFrame) {
+    // frame_len far beyond the assembly buffer, then one below the minimum,
+    // each followed at once by a good frame that must still be answered.
+    pc_sends(concat({hex("AA BB CC DD FF FF FF 7F 02 00 00 00 05 00 00 00"), kFrame100}));
+    expect_pc_gets(kPreResponse);
+    expect_wfmgr_gets(kRequest100);
+    pc_sends(concat({hex("AA BB CC DD 04 00 00 00 02 00 00 00 06 00 00 00"), kFrame100}));
+    expect_pc_gets(kPreResponse);
+    expect_wfmgr_gets(kRequest100);
+    EXPECT_TRUE(daemon_->wait_for_log("frame_len:2147483647 out of range", kWait));
+    EXPECT_TRUE(daemon_->wait_for_log("frame_len:4 out of range", kWait));
+}
+
+TEST_F(Bridge, OverlongWfmgrMessageIsSkippedAndTheLinkStaysInStep) {
+    Bytes big = hex("50 C3 00 00 07 00 00 00 FF FF FF FF 09 00 04 00 00 00 00 00");  // total_len 50000
+    big.resize(50000, 0xAB);
+    ASSERT_TRUE(wfmgr_->send(concat({big, kConfirm18})));
+    expect_pc_gets(kFrame18);
+    EXPECT_TRUE(daemon_->wait_for_log("total_len:50000 above 40960", kWait));
+}
+
+TEST_F(Bridge, ConfirmsThatCannotBeFramedSafelyNeverReachThePc) {
+    // An empty body; a body_len beyond the message; a body for the PC larger
+    // than a frame the store can hold; a file read request (word 153 at 32).
+    ASSERT_TRUE(wfmgr_->send(hex("14 00 00 00 07 00 00 00 FF FF FF FF 04 00 04 00 00 00 00 00")));
+    ASSERT_TRUE(wfmgr_->send(hex("1C 00 00 00 07 00 00 00 FF FF FF FF 04 00 04 00 00 01 00 00 12 00 00 00 00 00 00 00")));
+    Bytes large = hex("24 10 00 00 07 00 00 00 FF FF FF FF 04 00 04 00 10 10 00 00");  // body 4112
+    large.resize(20 + 4112, 0x01);
+    ASSERT_TRUE(wfmgr_->send(large));
+    ASSERT_TRUE(wfmgr_->send(hex("24 00 00 00 07 00 00 00 FF FF FF FF 04 00 04 00 10 00 00 00 "
+                                 "12 00 00 00 00 00 00 00 00 00 00 00 99 00 00 00")));
+    ASSERT_TRUE(wfmgr_->send(kConfirm18));  // the link is still in step
+    expect_pc_gets(kFrame18);
+    EXPECT_TRUE(pc_->quiet_for(std::chrono::milliseconds(300)));
+    EXPECT_EQ(daemon_->count_log("treat_wfmgr_amt_info_trans_cnf_msg ,body_len:"), 5u);
+}
+
+TEST_F(Bridge, WfmgrMessageShorterThanItsHeaderEndsTheService) {
+    ASSERT_TRUE(wfmgr_->send(hex("0A 00 00 00 07 00 00 00 FF FF FF FF 04 00 04 00 00 00 00 00")));
+    auto code = daemon_->wait_exit(kWait);
+    ASSERT_TRUE(code.has_value());
+    EXPECT_EQ(*code, 0);
+    EXPECT_EQ(daemon_->count_log("will exit"), 1u);
+    EXPECT_TRUE(daemon_->wait_for_log("below the header size", kWait));
+}
+
+}  // namespace
+}  // namespace e2e
