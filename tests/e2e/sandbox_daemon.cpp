@@ -69,15 +69,14 @@ std::unique_ptr<Daemon> Daemon::start(const Phone& phone, const std::string& pro
                                       const std::vector<std::string>& args, std::string* why) {
     std::string scratch;
     if (why == nullptr) why = &scratch;
-    int out[2], err[2], info[2];
-    if (pipe2(out, O_CLOEXEC) != 0) return *why = "pipe", nullptr;
-    if (pipe2(err, O_CLOEXEC) != 0) {
-        close(out[0]), close(out[1]);
-        return *why = "pipe", nullptr;
-    }
-    if (pipe2(info, O_CLOEXEC) != 0) {
-        close(out[0]), close(out[1]), close(err[0]), close(err[1]);
-        return *why = "pipe", nullptr;
+    int out[2] = {-1, -1}, err[2] = {-1, -1}, info[2] = {-1, -1}, stop[2] = {-1, -1};
+    if (pipe2(out, O_CLOEXEC) != 0 || pipe2(err, O_CLOEXEC) != 0 || pipe2(info, O_CLOEXEC) != 0 ||
+        pipe2(stop, O_CLOEXEC) != 0) {
+        *why = std::string("pipe: ") + strerror(errno);
+        for (int fd : {out[0], out[1], err[0], err[1], info[0], info[1], stop[0], stop[1]}) {
+            if (fd >= 0) close(fd);
+        }
+        return nullptr;
     }
     int null_fd = open("/dev/null", O_RDONLY | O_CLOEXEC);
 
@@ -116,7 +115,7 @@ std::unique_ptr<Daemon> Daemon::start(const Phone& phone, const std::string& pro
     close(info[1]);
     if (null_fd >= 0) close(null_fd);
     if (pid < 0) {
-        close(out[0]), close(err[0]), close(info[0]);
+        for (int fd : {out[0], err[0], info[0], stop[0], stop[1]}) close(fd);
         *why = std::string("fork: ") + strerror(fork_errno);
         return nullptr;
     }
@@ -125,6 +124,8 @@ std::unique_ptr<Daemon> Daemon::start(const Phone& phone, const std::string& pro
     d->bwrap_pid_ = pid;
     d->out_fd_ = out[0];
     d->err_fd_ = err[0];
+    d->stop_pipe_[0] = stop[0];
+    d->stop_pipe_[1] = stop[1];
     d->reader_ = std::thread([p = d.get()] { p->read_output(); });
     d->reaper_ = std::thread([p = d.get()] { p->reap(); });
     d->info_fd_ = info[0];  // open for the program's life: no SIGPIPE for bubblewrap
@@ -145,7 +146,17 @@ Daemon::~Daemon() {
         kill(bwrap_pid_, SIGKILL);
     }
     if (reaper_.joinable()) reaper_.join();
+    // Something that outlived bubblewrap may still hold the output pipes;
+    // after a grace period the reader is told to stop instead.
+    if (!wait_exit(Millis(5000))) {
+        char b = 1;
+        ssize_t n = write(stop_pipe_[1], &b, 1);
+        (void)n;
+    }
     if (reader_.joinable()) reader_.join();
+    for (int fd : stop_pipe_) {
+        if (fd >= 0) close(fd);
+    }
     if (out_fd_ >= 0) close(out_fd_);
     if (err_fd_ >= 0) close(err_fd_);
     if (info_fd_ >= 0) close(info_fd_);
@@ -164,15 +175,16 @@ void Daemon::append_err(const char* data, size_t len) {
 }
 
 void Daemon::read_output() {
-    pollfd fds[2] = {{out_fd_, POLLIN, 0}, {err_fd_, POLLIN, 0}};
+    pollfd fds[3] = {{out_fd_, POLLIN, 0}, {err_fd_, POLLIN, 0}, {stop_pipe_[0], POLLIN, 0}};
     int open_count = 2;
     char buf[4096];
     while (open_count > 0) {
-        int r = poll(fds, 2, -1);
+        int r = poll(fds, 3, -1);
         if (r < 0) {
             if (errno == EINTR) continue;
             break;
         }
+        if (fds[2].revents != 0) break;
         for (int i = 0; i < 2; ++i) {
             if (fds[i].fd < 0 || fds[i].revents == 0) continue;
             ssize_t n = read(fds[i].fd, buf, sizeof(buf));

@@ -76,6 +76,7 @@ private:
     int out_fd_ = -1;
     int err_fd_ = -1;
     int info_fd_ = -1;
+    int stop_pipe_[2] = {-1, -1};  // a byte here ends the reader
 
     mutable std::mutex mu_;
     mutable std::condition_variable cv_;
