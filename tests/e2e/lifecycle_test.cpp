@@ -1,0 +1,158 @@
+// The life of the process as a whole: usage, the single-instance lock, the
+// exit signals, and the two ways in which wfmgr ends or prevents a run.
+#include <algorithm>
+#include <csignal>
+#include <gtest/gtest.h>
+
+#include "phone_test.hpp"
+
+namespace e2e {
+namespace {
+
+using sandbox::Daemon;
+
+struct UsageCase {
+    const char* name;
+    std::vector<std::string> args;
+};
+
+// For the listing of the tests.
+void PrintTo(const UsageCase& c, std::ostream* os) { *os << c.name; }
+
+class Usage : public PhoneTest, public ::testing::WithParamInterface<UsageCase> {};
+
+TEST_P(Usage, PrintsTheUsageTextAndExitsWithZero) {
+    Daemon* d = launch(GetParam().args);
+    ASSERT_NE(d, nullptr);
+    ASSERT_EQ(d->wait_exit(kWait), 0);
+    const std::string argv0 = sandbox::default_daemon_path();
+    EXPECT_EQ(d->stdout_text(),
+              "version ovta-amt v1.0.0 2022-08-05\n"
+              "Usage: " + argv0 + " [OPTION]\n"
+              "  -m <amt mode's flag>    For usb-insert-enter-amt. \n"
+              "  -c <path of the config file>  config file path \n"
+              "  -h                            Display this help and exit.\n"
+              "\n"
+              "exit(): FILE: prompt_usage, LINE: 202 \n");
+    EXPECT_EQ(d->count_log("handle_start"), 0u);
+}
+
+const UsageCase kUsageCases[] = {
+    {"Help", {"-h"}},
+    {"UnknownOption", {"-x"}},
+    {"ModeWithoutArgument", {"-m"}},
+    {"HelpAfterOtherOptions", {"-m", "0", "-c", "/x.ini", "-h"}},
+};
+
+std::string usage_case_name(const ::testing::TestParamInfo<UsageCase>& info) { return info.param.name; }
+
+INSTANTIATE_TEST_SUITE_P(Options, Usage, ::testing::ValuesIn(kUsageCases), usage_case_name);
+
+using SingleInstance = PhoneTest;
+
+// The lock comes before the options: a second instance asked for help still
+// only reports the first one and ends.
+TEST_F(SingleInstance, SecondStartReportsTheFirstAndLeavesItRunning) {
+    Daemon* first = launch_running();
+    ASSERT_NE(first, nullptr);
+
+    for (const std::vector<std::string>& args : {std::vector<std::string>{}, std::vector<std::string>{"-h"}}) {
+        Daemon* second = launch(args);
+        ASSERT_NE(second, nullptr);
+        ASSERT_EQ(second->wait_exit(kWait), 0);
+        EXPECT_EQ(second->count_log("ovta-amt already run. Please kill it, and then rerun it."), 1u);
+        EXPECT_EQ(second->stdout_text(), "");
+        EXPECT_EQ(second->count_log("config file ="), 0u);
+    }
+    // The second instances never reached wfmgr, and the first was not disturbed.
+    EXPECT_FALSE(wfmgr_->accept(0ms));
+    EXPECT_TRUE(first->running());
+    EXPECT_EQ(first->count_log("receive signal"), 0u);
+    EXPECT_EQ(phone_->read_file("/tmp/ovta-amt.pid"), "");
+
+    ASSERT_TRUE(first->signal(SIGTERM));
+    EXPECT_EQ(first->wait_exit(kWait), 0);
+}
+
+class ExitSignal : public PhoneTest, public ::testing::WithParamInterface<int> {};
+
+TEST_P(ExitSignal, TearsDownOnceAndExitsWithZero) {
+    Daemon* d = launch_running();
+    ASSERT_NE(d, nullptr);
+    ASSERT_TRUE(d->signal(GetParam()));
+    ASSERT_EQ(d->wait_exit(kWait), 0);
+
+    const std::vector<std::string> log = messages(*d);
+    auto at = [&](const std::string& text) {
+        return std::find(log.begin(), log.end(), text) - log.begin();
+    };
+    const auto received = at("receive signal: " + std::to_string(GetParam()));
+    const auto to_exit = at("receive signal to exit");
+    const auto teardown = at("will call close_ovta_amt.i:0. ");
+    const auto will_exit = at("will exit");
+    EXPECT_LT(received, to_exit);
+    EXPECT_LT(to_exit, teardown);
+    EXPECT_LT(teardown, will_exit);
+    EXPECT_LT(will_exit, static_cast<long>(log.size()));
+    EXPECT_EQ(d->count_log("receive signal to exit"), 1u);
+    EXPECT_EQ(d->count_log("will call close_ovta_amt.i:0."), 1u);
+    EXPECT_EQ(d->count_log("will exit"), 1u);
+}
+
+std::string signal_name(const ::testing::TestParamInfo<int>& info) { return sigabbrev_np(info.param); }
+
+INSTANTIATE_TEST_SUITE_P(Signals, ExitSignal, ::testing::Values(SIGTERM, SIGINT, SIGQUIT), signal_name);
+
+using Shutdown = PhoneTest;
+
+// Signals keep coming while the first one is being handled. None of them may
+// start a second teardown or end the process another way (SIGQUIT's default
+// action would give 131).
+TEST_F(Shutdown, SignalsDuringTheTeardownChangeNothing) {
+    Daemon* d = launch_running();
+    ASSERT_NE(d, nullptr);
+    ASSERT_TRUE(d->signal(SIGTERM));
+    const int more[] = {SIGQUIT, SIGINT, SIGTERM};
+    auto deadline = std::chrono::steady_clock::now() + kWait;
+    for (size_t i = 0; d->running() && std::chrono::steady_clock::now() < deadline; ++i) {
+        d->signal(more[i % 3]);
+    }
+    ASSERT_EQ(d->wait_exit(kWait), 0);
+    EXPECT_EQ(d->count_log("receive signal to exit"), 1u);
+    EXPECT_EQ(d->count_log("will call close_ovta_amt.i:0."), 1u);
+    EXPECT_EQ(d->count_log("will exit"), 1u);
+}
+
+// wfmgr going away is a stop like any signal: the receive thread sees the
+// socket closed and sends SIGTERM to its own process.
+TEST_F(Shutdown, WfmgrClosingItsSideEndsTheServiceWithZero) {
+    Daemon* d = launch_running();
+    ASSERT_NE(d, nullptr);
+    wfmgr_->close_connection();
+    ASSERT_EQ(d->wait_exit(kWait), 0);
+    const std::vector<std::string> log = messages(*d);
+    auto at = [&](const std::string& text) {
+        return std::find(log.begin(), log.end(), text) - log.begin();
+    };
+    EXPECT_LT(at("socket closed!"), at("receive signal: 15"));
+    EXPECT_LT(at("receive signal: 15"), at("will exit"));
+    EXPECT_LT(at("will exit"), static_cast<long>(log.size()));
+    EXPECT_EQ(d->count_log("receive signal to exit"), 1u);
+    EXPECT_EQ(d->count_log("close_ovta_amt. index:0"), 1u);
+    EXPECT_EQ(d->count_log("will exit"), 1u);
+}
+
+// Takes the full twenty tries, about twenty seconds.
+TEST_F(Shutdown, NoWfmgrListeningEndsTheStartWithCode21AfterTwentyTries) {
+    Daemon* d = launch();
+    ASSERT_NE(d, nullptr);
+    ASSERT_EQ(d->wait_exit(60s), 21);
+    EXPECT_EQ(d->count_log("failed to connect socket("), 20u);
+    EXPECT_EQ(d->count_log("failed to open socket, type_id 0,port:8030.. circle times:20."), 1u);
+    EXPECT_EQ(d->count_log("E/OVTA_AMT(" + std::to_string(d->pid()) + "): open_all_device failure: -118"), 1u);
+    EXPECT_EQ(d->count_log("will exit"), 1u);
+    EXPECT_EQ(d->count_log("handle_start success"), 0u);
+}
+
+}  // namespace
+}  // namespace e2e
