@@ -140,8 +140,8 @@ int check_msg_header_ex(AmtChannel* row, const uint8_t* buf, int32_t len) {
         return -1;
     }
     std::span<const uint8_t> frame(buf, static_cast<size_t>(len));
-    uint32_t frame_len = bytes::get_le32(frame, 4);
-    row->m_msg_cmd = bytes::get_le32(frame, 12);
+    uint32_t frame_len = bytes::get_le32(frame, kPcOffFrameLen);
+    row->m_msg_cmd = bytes::get_le32(frame, kPcOffCmd);
     row->m_nLoadLen = frame_len + 8;
     if (verbose_log()) {
         log_dbg("check_msg_header_ex(),message-type:%lu paylod_len:%lu.", static_cast<unsigned long>(row->m_msg_cmd),

@@ -6,6 +6,7 @@
 
 #include "channel/channel_internal.hpp"
 #include "process/bytes.hpp"
+#include "protocol/pc_frame.hpp"
 
 namespace {
 
@@ -42,7 +43,7 @@ int write_msg_to_socket(const uint8_t* buf, int32_t len, uint32_t index) {
         std::span<const uint8_t> msg(buf, static_cast<size_t>(len));
         log_dbg("write_msg_to_socket listAmtSrv[i:%d], [fd-%d -> acc-%d](port:%d,cmd=0x%08X), m_socket_conn_status:%d.",
                 static_cast<int>(index), row.fd.load(), row.accept_fd.load(), static_cast<int>(row.port),
-                bytes::get_le32(msg, 12), row.m_socket_conn_status.load());
+                bytes::get_le32(msg, kPcOffCmd), row.m_socket_conn_status.load());
         pub_util_log_hex("send data:", buf, len < 50 ? static_cast<size_t>(len) : 50, 1000);
     }
     if (row.m_socket_conn_status != kConnOpen) {

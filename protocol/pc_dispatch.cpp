@@ -41,16 +41,16 @@ bool get_amt_req_valid_data(const AmtChannel& row) {
         log_dbg("get_amt_req_valid_data invalide parameter.");
         return false;
     }
-    uint32_t frame_len = bytes::get_le32(row.temp_msg, 4);
+    uint32_t frame_len = bytes::get_le32(row.temp_msg, kPcOffFrameLen);
     uint32_t len = frame_len - 4;
     if (frame_len < 8 || len > sizeof(amt_info_trans_req_store.data) ||
-        12 + static_cast<size_t>(len) > static_cast<size_t>(row.temp_msg_process_len)) {
+        kPcOffCmd + static_cast<size_t>(len) > static_cast<size_t>(row.temp_msg_process_len)) {
         log_dbg("get_amt_req_valid_data payload of %u bytes does not fit the store (%u), cmd %u not forwarded.", len,
                 static_cast<unsigned>(sizeof(amt_info_trans_req_store.data)), row.m_msg_cmd);
         return false;
     }
     amt_info_trans_req_store.len = len;
-    memcpy(amt_info_trans_req_store.data, row.temp_msg + 12, len);
+    memcpy(amt_info_trans_req_store.data, row.temp_msg + kPcOffCmd, len);
     return true;
 }
 

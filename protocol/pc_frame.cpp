@@ -19,11 +19,6 @@ const uint8_t amt_pre_response[16] = {0xAA, 0xBB, 0xCC, 0xDD, 0x08, 0x00, 0x00, 
 
 namespace {
 
-constexpr size_t kOffFrameLen = 4;
-constexpr size_t kOffTag = 8;
-constexpr size_t kOffKind = 9;
-constexpr size_t kOffReserved = 10;
-constexpr size_t kOffCmd = 12;
 constexpr size_t kCrcLen = 4;
 constexpr size_t kWrapFront = 12;  // head, frame_len, tag, kind, reserved
 
@@ -69,10 +64,10 @@ int32_t add_amt_cmd_general_msg(uint8_t* buf, int32_t size, uint32_t cmd) {
     std::span<uint8_t> frame(buf, kPcHeaderLen);
     memset(buf, 0, kPcHeaderLen);
     memcpy(buf, kFrameHead, sizeof(kFrameHead));
-    bytes::put_le32(frame, kOffFrameLen, static_cast<uint32_t>(kPcHeaderLen));
-    frame[kOffTag] = kFrameTag;
-    frame[kOffKind] = 0;
-    bytes::put_le32(frame, kOffCmd, cmd);
+    bytes::put_le32(frame, kPcOffFrameLen, static_cast<uint32_t>(kPcHeaderLen));
+    frame[kPcOffTag] = kFrameTag;
+    frame[kPcOffKind] = 0;
+    bytes::put_le32(frame, kPcOffCmd, cmd);
     return 0;
 }
 
@@ -115,10 +110,10 @@ int32_t add_amt_head(AmtPayloadStore* store) {
     std::span<uint8_t> frame(store->data);
     memmove(store->data + kWrapFront, store->data, payload);
     memcpy(store->data, kFrameHead, sizeof(kFrameHead));
-    bytes::put_le32(frame, kOffFrameLen, payload + 8);
-    frame[kOffTag] = kFrameTag;
-    frame[kOffKind] = 0;
-    bytes::put_le16(frame, kOffReserved, 0);
+    bytes::put_le32(frame, kPcOffFrameLen, payload + 8);
+    frame[kPcOffTag] = kFrameTag;
+    frame[kPcOffKind] = 0;
+    bytes::put_le16(frame, kPcOffReserved, 0);
     const uint32_t covered = payload + static_cast<uint32_t>(kWrapFront);
     bytes::put_le32(frame, covered, static_cast<uint32_t>(amt_crc32(store->data, static_cast<int32_t>(covered))));
     store->len = covered + static_cast<uint32_t>(kCrcLen);

@@ -16,6 +16,12 @@
 #include <cstdint>
 
 constexpr uint8_t kFrameHead[4] = {0xAA, 0xBB, 0xCC, 0xDD};
+constexpr size_t kPcOffFrameLen = 4;
+constexpr size_t kPcOffTag = 8;
+constexpr size_t kPcOffKind = 9;
+constexpr size_t kPcOffReserved = 10;
+constexpr size_t kPcOffCmd = 12;
+constexpr size_t kPcOffBody = 16;
 constexpr size_t kPcHeaderLen = 16;       // head, frame_len, tag, kind, reserved, cmd
 constexpr uint32_t kPcFrameLenMin = 8;    // a frame with no cmd and no body
 constexpr uint32_t kPcFrameLenMax = 40952;  // frame_len + 8 fills temp_msg exactly

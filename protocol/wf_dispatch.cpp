@@ -17,17 +17,6 @@
 
 namespace {
 
-constexpr size_t kSubCmdOffset = 32;
-constexpr size_t kRelateStatusOffset = 20;
-constexpr size_t kRelateWfIdOffset = 24;
-constexpr size_t kRelateWfNameOffset = 28;
-constexpr size_t kRelateWfNameSize = 64;
-constexpr size_t kRelateWfPathOffset = 92;
-constexpr size_t kRelateWfPathSize = 128;
-constexpr size_t kRelateAmtPathOffset = 220;
-constexpr size_t kRelateRfPathOffset = 380;
-constexpr size_t kResLenOffset = 20;
-constexpr size_t kResRowsOffset = 24;
 
 std::span<const uint8_t> message_of(const AmtChannel& row) {
     size_t len = row.temp_msg_process_len > 0 ? static_cast<size_t>(row.temp_msg_process_len) : 0;
@@ -91,7 +80,7 @@ int treat_wfmgr_amt_info_trans_cnf_msg(AmtChannel* row) {
 
     // The sub-command word is the body's fourth word; a shorter body has none
     // and is an answer for the PC.
-    uint32_t sub = body_len >= kSubCmdOffset + 4 - kWfHeaderLen ? bytes::get_le32(msg, kSubCmdOffset) : 0;
+    uint32_t sub = body_len >= kInfoCnfOffSubCmd + 4 - kWfHeaderLen ? bytes::get_le32(msg, kInfoCnfOffSubCmd) : 0;
     if (sub == kFileReadSubCmd || sub == kFileModifySubCmd) {
         log_dbg("info transfer confirm file request %u: file service not available, dropped.", sub);
         return kRetGeneral;
@@ -109,8 +98,8 @@ int treat_wfmgr_amt_info_trans_cnf_msg(AmtChannel* row) {
 int treat_wfmgr_amt_relate_info_ind_msg(AmtChannel* row) {
     VerboseScope scope("treat_wfmgr_amt_relate_info_ind_msg");
     std::span<const uint8_t> msg = message_of(*row);
-    const char* amt_path = text_field(msg, kRelateAmtPathOffset, kCfgPathSize);
-    const char* rf_path = text_field(msg, kRelateRfPathOffset, kCfgPathSize);
+    const char* amt_path = text_field(msg, kRelateOffAmtPath, kCfgPathSize);
+    const char* rf_path = text_field(msg, kRelateOffRfPath, kCfgPathSize);
     if (amt_path == nullptr || rf_path == nullptr) {
         // A path without its terminator inside the 160 bytes of the field, or
         // cut off by the message's end, would point the files somewhere else:
@@ -125,10 +114,10 @@ int treat_wfmgr_amt_relate_info_ind_msg(AmtChannel* row) {
     if (verbose_log()) {
         char wf_name[kRelateWfNameSize + 1] = {};
         char wf_path[kRelateWfPathSize + 1] = {};
-        memcpy(wf_name, msg.data() + kRelateWfNameOffset, kRelateWfNameSize);
-        memcpy(wf_path, msg.data() + kRelateWfPathOffset, kRelateWfPathSize);
+        memcpy(wf_name, msg.data() + kRelateOffWfName, kRelateWfNameSize);
+        memcpy(wf_path, msg.data() + kRelateOffWfPath, kRelateWfPathSize);
         log_dbg("status:%d, wf_id:%d, wf_name:%s, wf_path:%s, rf_code_file_path:%s, amt_file_path:%s, .",
-                msg[kRelateStatusOffset], static_cast<int>(bytes::get_le32(msg, kRelateWfIdOffset)), wf_name, wf_path,
+                msg[kRelateOffStatus], static_cast<int>(bytes::get_le32(msg, kRelateOffWfId)), wf_name, wf_path,
                 rf_path, amt_path);
         char amt[kCfgPathSize];
         cfg_get_amt_relate_path(amt);
@@ -140,9 +129,9 @@ int treat_wfmgr_amt_relate_info_ind_msg(AmtChannel* row) {
 int treat_wfmgr_amt_res_info_ind_msg(AmtChannel* row) {
     VerboseScope scope("treat_wfmgr_amt_res_info_ind_msg");
     std::span<const uint8_t> msg = message_of(*row);
-    uint32_t len = bytes::get_le32(msg, kResLenOffset);
-    size_t present = msg.size() > kResRowsOffset ? msg.size() - kResRowsOffset : 0;
-    if (msg.size() < kResRowsOffset || len > present) {
+    uint32_t len = bytes::get_le32(msg, kResOffLen);
+    size_t present = msg.size() > kResOffRows ? msg.size() - kResOffRows : 0;
+    if (msg.size() < kResOffRows || len > present) {
         log_dbg("res info indication len:%u but the message holds %u bytes of rows: ignored.", len,
                 static_cast<unsigned>(present));
         return kRetBadSize;
@@ -152,7 +141,7 @@ int treat_wfmgr_amt_res_info_ind_msg(AmtChannel* row) {
                 static_cast<unsigned>(kRftabListSize), static_cast<unsigned>(kRftabMaxRows));
         len = static_cast<uint32_t>(kRftabListSize);
     }
-    uint32_t count = rftab_list_replace(msg.data() + kResRowsOffset, len);
+    uint32_t count = rftab_list_replace(msg.data() + kResOffRows, len);
     if (verbose_log()) log_dbg("len:%d, g_wfmgr_rftab_info_count:%d.", static_cast<int>(len), static_cast<int>(count));
     return 0;
 }

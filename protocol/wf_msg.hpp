@@ -34,6 +34,24 @@ constexpr size_t kWfOffMsgId = 12;
 constexpr size_t kWfOffBodyLen = 16;
 constexpr size_t kWfOffBody = 20;
 
+// Relate info indication 0x4000d: the two base directories.
+constexpr size_t kRelateOffStatus = 20;
+constexpr size_t kRelateOffWfId = 24;
+constexpr size_t kRelateOffWfName = 28;
+constexpr size_t kRelateWfNameSize = 64;
+constexpr size_t kRelateOffWfPath = 92;
+constexpr size_t kRelateWfPathSize = 128;
+constexpr size_t kRelateOffAmtPath = 220;
+constexpr size_t kRelatePathSize = 160;  // amt_file_path; rf_code_file_path runs to the message end
+constexpr size_t kRelateOffRfPath = 380;
+
+// Res info indication 0x4000e: the RF table rows.
+constexpr size_t kResOffLen = 20;
+constexpr size_t kResOffRows = 24;
+
+// Info transfer confirm 0x40004: the body's fourth word tells file requests.
+constexpr size_t kInfoCnfOffSubCmd = 32;
+
 // Writes the six header fields: total_len 20, wf_id all ones, both reserved
 // 0xFFFF, msg_id, body_len 0. 0, or -103 for null or a size below 20.
 int32_t add_wf_general_msg(uint8_t* buf, int32_t size, uint32_t msg_id);

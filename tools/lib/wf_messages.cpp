@@ -12,16 +12,7 @@ namespace tools {
 
 namespace {
 
-constexpr size_t kOffStatus = 20;
-constexpr size_t kOffRelateWfId = 24;
-constexpr size_t kOffWfName = 28;
-constexpr size_t kOffWfPath = 92;
-constexpr size_t kOffAmtPath = 220;
-constexpr size_t kOffRfPath = 380;
-constexpr size_t kRelateInfoLen = kOffRfPath + kRfPathLen;
-
-constexpr size_t kOffResLen = 20;
-constexpr size_t kOffResRows = 24;
+constexpr size_t kRelateInfoLen = kRelateOffRfPath + kRfPathLen;
 constexpr size_t kRftabNameAt = 8;
 constexpr size_t kRftabNameLen = 64;
 
@@ -83,21 +74,21 @@ std::string body_hex(std::span<const uint8_t> msg) {
 
 std::vector<uint8_t> build_relate_info_ind(const RelateInfo& info) {
     std::vector<uint8_t> msg = new_msg(kWfRelateInfoInd, kRelateInfoLen);
-    msg[kOffStatus] = info.status;
-    bytes::put_le32(msg, kOffRelateWfId, info.wf_id);
-    put_text(msg, kOffWfName, kWfNameLen, info.wf_name);
-    put_text(msg, kOffWfPath, kWfPathLen, info.wf_path);
-    put_text(msg, kOffAmtPath, kAmtPathLen, info.amt_file_path);
-    put_text(msg, kOffRfPath, kRfPathLen, info.rf_code_file_path);
+    msg[kRelateOffStatus] = info.status;
+    bytes::put_le32(msg, kRelateOffWfId, info.wf_id);
+    put_text(msg, kRelateOffWfName, kWfNameLen, info.wf_name);
+    put_text(msg, kRelateOffWfPath, kWfPathLen, info.wf_path);
+    put_text(msg, kRelateOffAmtPath, kAmtPathLen, info.amt_file_path);
+    put_text(msg, kRelateOffRfPath, kRfPathLen, info.rf_code_file_path);
     return msg;
 }
 
 std::vector<uint8_t> build_res_info_ind(std::span<const RftabRow> rows) {
     const size_t len = rows.size() * kRftabRowLen;
-    std::vector<uint8_t> msg = new_msg(kWfResInfoInd, kOffResRows + len);
-    bytes::put_le32(msg, kOffResLen, static_cast<uint32_t>(len));
+    std::vector<uint8_t> msg = new_msg(kWfResInfoInd, kResOffRows + len);
+    bytes::put_le32(msg, kResOffLen, static_cast<uint32_t>(len));
     for (size_t i = 0; i < rows.size(); ++i) {
-        const size_t row = kOffResRows + i * kRftabRowLen;
+        const size_t row = kResOffRows + i * kRftabRowLen;
         bytes::put_le16(msg, row, rows[i].table_type);
         put_text(msg, row + kRftabNameAt, kRftabNameLen, rows[i].name);
     }
@@ -154,19 +145,19 @@ std::string describe_wf_msg(std::span<const uint8_t> msg) {
             out += " body " + body_hex(msg);
             break;
         case kWfRelateInfoInd:
-            snprintf(line, sizeof(line), " status %u wf_id %u", kOffStatus < msg.size() ? msg[kOffStatus] : 0u,
-                     bytes::get_le32(msg, kOffRelateWfId));
+            snprintf(line, sizeof(line), " status %u wf_id %u", kRelateOffStatus < msg.size() ? msg[kRelateOffStatus] : 0u,
+                     bytes::get_le32(msg, kRelateOffWfId));
             out += line;
-            out += " wf_name \"" + get_text(msg, kOffWfName, kWfNameLen) + "\" wf_path \"" +
-                   get_text(msg, kOffWfPath, kWfPathLen) + "\" amt_file_path \"" +
-                   get_text(msg, kOffAmtPath, kAmtPathLen) + "\" rf_code_file_path \"" +
-                   get_text(msg, kOffRfPath, msg.size()) + "\"";
+            out += " wf_name \"" + get_text(msg, kRelateOffWfName, kWfNameLen) + "\" wf_path \"" +
+                   get_text(msg, kRelateOffWfPath, kWfPathLen) + "\" amt_file_path \"" +
+                   get_text(msg, kRelateOffAmtPath, kAmtPathLen) + "\" rf_code_file_path \"" +
+                   get_text(msg, kRelateOffRfPath, msg.size()) + "\"";
             break;
         case kWfResInfoInd: {
-            const uint32_t len = bytes::get_le32(msg, kOffResLen);
+            const uint32_t len = bytes::get_le32(msg, kResOffLen);
             snprintf(line, sizeof(line), " len %u rows", len);
             out += line;
-            for (size_t row = kOffResRows; row + kRftabRowLen <= msg.size() && row < kOffResRows + len;
+            for (size_t row = kResOffRows; row + kRftabRowLen <= msg.size() && row < kResOffRows + len;
                  row += kRftabRowLen) {
                 snprintf(line, sizeof(line), " %u=", bytes::get_le16(msg, row));
                 out += line + get_text(msg, row + kRftabNameAt, kRftabNameLen);
