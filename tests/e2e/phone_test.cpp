@@ -1,5 +1,7 @@
 #include "phone_test.hpp"
 
+#include <csignal>
+
 #include <cstdlib>
 #include <iostream>
 
@@ -23,7 +25,20 @@ void PhoneTest::SetUp() {
                  << "); the end-to-end tests need them";
 }
 
+// A sanitizer report of the daemon fails the test, also when the test did not
+// look at the exit code. A daemon still running is stopped the ordinary way
+// first, so that what the sanitizers find at exit is reported too.
 void PhoneTest::TearDown() {
+    for (auto& d : daemons_) {
+        if (d->running() && d->signal(SIGTERM)) d->wait_exit(kWait);
+        for (const std::string& l : d->log_lines()) {
+            if (l.find("WARNING: ThreadSanitizer") != std::string::npos ||
+                l.find("ERROR: AddressSanitizer") != std::string::npos ||
+                l.find("ERROR: LeakSanitizer") != std::string::npos || l.find("runtime error:") != std::string::npos) {
+                ADD_FAILURE() << "sanitizer report in the daemon's log: " << l;
+            }
+        }
+    }
     if (!HasFailure()) return;
     for (size_t i = 0; i < daemons_.size(); ++i) {
         std::cerr << "---- log of daemon " << i << " ----\n";
