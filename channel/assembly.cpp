@@ -118,38 +118,32 @@ int get_msg_body(uint32_t index) {
     return 0;
 }
 
-int check_msg_header(AmtChannel* row, const uint8_t* buf, int32_t len) {
+namespace {
+
+// The header of either format gives the message's id and total size; the
+// verbose line names the checker and the length field as received.
+int check_header(AmtChannel* row, const uint8_t* buf, int32_t len, bool pc_frame) {
     if (row == nullptr || buf == nullptr || len == 0) {
         log_dbg("check_msg_header invalid parameter.");
         return -1;
     }
-    std::span<const uint8_t> msg(buf, static_cast<size_t>(len));
-    row->m_msg_cmd = bytes::get_le32(msg, kWfOffMsgId);
-    row->m_nLoadLen = bytes::get_le32(msg, kWfOffTotalLen);
+    std::span<const uint8_t> head(buf, static_cast<size_t>(len));
+    uint32_t length_field = bytes::get_le32(head, pc_frame ? kPcOffFrameLen : kWfOffTotalLen);
+    row->m_msg_cmd = bytes::get_le32(head, pc_frame ? kPcOffCmd : kWfOffMsgId);
+    row->m_nLoadLen = pc_frame ? length_field + 8 : length_field;  // frame_len leaves out head and itself
     if (verbose_log()) {
-        log_dbg("check_msg_header(),message-type:%lu paylod_len:%lu.", static_cast<unsigned long>(row->m_msg_cmd),
-                static_cast<unsigned long>(row->m_nLoadLen));
+        log_dbg("%s(),message-type:%lu paylod_len:%lu.", pc_frame ? "check_msg_header_ex" : "check_msg_header",
+                static_cast<unsigned long>(row->m_msg_cmd), static_cast<unsigned long>(length_field));
         log_header_dump(buf, len);
     }
     return 0;
 }
 
-int check_msg_header_ex(AmtChannel* row, const uint8_t* buf, int32_t len) {
-    if (row == nullptr || buf == nullptr || len == 0) {
-        log_dbg("check_msg_header invalid parameter.");
-        return -1;
-    }
-    std::span<const uint8_t> frame(buf, static_cast<size_t>(len));
-    uint32_t frame_len = bytes::get_le32(frame, kPcOffFrameLen);
-    row->m_msg_cmd = bytes::get_le32(frame, kPcOffCmd);
-    row->m_nLoadLen = frame_len + 8;
-    if (verbose_log()) {
-        log_dbg("check_msg_header_ex(),message-type:%lu paylod_len:%lu.", static_cast<unsigned long>(row->m_msg_cmd),
-                static_cast<unsigned long>(frame_len));
-        log_header_dump(buf, len);
-    }
-    return 0;
-}
+}  // namespace
+
+int check_msg_header(AmtChannel* row, const uint8_t* buf, int32_t len) { return check_header(row, buf, len, false); }
+
+int check_msg_header_ex(AmtChannel* row, const uint8_t* buf, int32_t len) { return check_header(row, buf, len, true); }
 
 void* treat_wfmgr_relate_buf_proc(void*) {
     AmtChannel& row = listAmtSrv[kChannelWfmgr];
