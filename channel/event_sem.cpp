@@ -18,8 +18,6 @@ void EventSem::destroy() {
     fd_ = -1;
 }
 
-bool EventSem::created() const { return fd_ >= 0; }
-
 void EventSem::post() {
     if (fd_ < 0) return;
     uint64_t one = 1;

@@ -15,7 +15,6 @@ public:
     // Creates the semaphore with the given value; false on failure.
     bool create(uint32_t value);
     void destroy();
-    bool created() const;
     void post();
     // Takes one count, waiting for it. False when the waiting thread was asked
     // to stop or the semaphore does not exist.

@@ -74,8 +74,6 @@ void pub_util_handle_thread_signal(int sig);
 
 // True once this thread was asked to stop.
 bool pub_util_stop_requested();
-// The stop event of this thread, or -1 when it is not registered.
-int pub_util_stop_fd();
 
 // Sleeps; false when the thread was asked to stop (at once, or during the sleep).
 bool pub_util_msleep(uint32_t msec);

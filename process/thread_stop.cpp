@@ -25,22 +25,15 @@ namespace {
 constexpr size_t kMaxStoppable = 32;
 
 struct StopSlot {
-    pthread_t tid;
-    int event_fd;  // -1: slot free
+    pthread_t tid{};
+    int event_fd = -1;  // -1: slot free
 };
 
 std::mutex g_stop_lock;
-StopSlot g_stop_slots[kMaxStoppable] = {};
-bool g_stop_slots_ready = false;  // guarded by g_stop_lock
+StopSlot g_stop_slots[kMaxStoppable];  // guarded by g_stop_lock
 
 thread_local int t_stop_fd = -1;
 thread_local bool t_stopped = false;
-
-void ensure_slots_locked() {
-    if (g_stop_slots_ready) return;
-    for (auto& s : g_stop_slots) s.event_fd = -1;
-    g_stop_slots_ready = true;
-}
 
 bool stop_event_set(int fd) {
     pollfd p{fd, POLLIN, 0};
@@ -57,7 +50,6 @@ ThreadStopScope::ThreadStopScope() {
         return;
     }
     std::lock_guard<std::mutex> hold(g_stop_lock);
-    ensure_slots_locked();
     for (auto& s : g_stop_slots) {
         if (s.event_fd < 0) {
             s.tid = pthread_self();
@@ -92,8 +84,7 @@ int pub_util_kill_thread(ThreadHandle* handle) {
     if (tid == pthread_t{}) return 0;
     {
         std::lock_guard<std::mutex> hold(g_stop_lock);
-        ensure_slots_locked();
-        StopSlot* slot = nullptr;
+            StopSlot* slot = nullptr;
         for (auto& s : g_stop_slots) {
             if (s.event_fd >= 0 && pthread_equal(s.tid, tid)) slot = &s;
         }
@@ -125,8 +116,6 @@ bool pub_util_stop_requested() {
     if (t_stop_fd >= 0 && stop_event_set(t_stop_fd)) t_stopped = true;
     return t_stopped;
 }
-
-int pub_util_stop_fd() { return t_stop_fd; }
 
 bool pub_util_msleep(uint32_t msec) {
     if (t_stop_fd < 0) {

@@ -24,9 +24,6 @@ void rftab_list_clear();
 // already refused a len above the list's 2160 bytes. Returns the new count.
 uint32_t rftab_list_replace(const uint8_t* rows, uint32_t len);
 
-// Number of valid rows.
-uint32_t rftab_list_count();
-
 // Finds the first valid row whose 16-bit table_type equals table_type and
 // copies its name (at most 63 characters, terminated) into name. False when
 // no row matches; name is then untouched.
