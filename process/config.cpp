@@ -125,6 +125,11 @@ void cfg_set_amt_relate_path(const char* text) {
     copy_path(config_file_st.m_amt_relate_path, text);
 }
 
+int cfg_edit_amt_relate_path(int (*edit)(char (&path)[kCfgPathSize], const char* arg), const char* arg) {
+    std::lock_guard<std::mutex> hold(g_path_lock);
+    return edit(config_file_st.m_amt_relate_path, arg);
+}
+
 void cfg_get_rf_relate_path(char (&out)[kCfgPathSize]) {
     std::lock_guard<std::mutex> hold(g_path_lock);
     memcpy(out, config_file_st.m_rf_relate_path, kCfgPathSize);

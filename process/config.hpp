@@ -35,3 +35,8 @@ void cfg_get_amt_relate_path(char (&out)[kCfgPathSize]);
 void cfg_set_amt_relate_path(const char* text);
 void cfg_get_rf_relate_path(char (&out)[kCfgPathSize]);
 void cfg_set_rf_relate_path(const char* text);
+// Rewrites m_amt_relate_path in place under the same lock: `edit` gets the
+// field and `arg`, and its result is handed back. A read-modify-write that
+// races the relate info indication on the other transfer thread thus works on
+// one whole path and leaves one whole path.
+int cfg_edit_amt_relate_path(int (*edit)(char (&path)[kCfgPathSize], const char* arg), const char* arg);

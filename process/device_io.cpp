@@ -5,17 +5,31 @@
 #include <cstring>
 #include <poll.h>
 #include <termios.h>
+#include <time.h>
 #include <unistd.h>
 
 namespace {
-constexpr int kWriteTries = 100;
-constexpr uint32_t kWriteBackoffMs = 10;
+
+constexpr uint32_t kWriteWaitMs = 10;                 // one wait for room
+constexpr int64_t kWriteWaitBudgetNs = 1000000000LL;  // a whole second of waiting in all
+
+int64_t monotonic_ns() {
+    timespec ts{};
+    clock_gettime(CLOCK_MONOTONIC, &ts);
+    return static_cast<int64_t>(ts.tv_sec) * 1000000000LL + ts.tv_nsec;
+}
+
 }  // namespace
 
-// Channel descriptors are non-blocking, so a peer that does not drain its side
-// cannot block a sender beyond the reach of its stop event: a full descriptor
-// is waited for (without using up the budget), a stop ends the wait. Every
-// other failure and every partial write costs one of the 100 tries and 10 ms.
+// Channel descriptors are non-blocking. When the line takes only part of the
+// bytes, or none, the write waits until the descriptor is writable again, at
+// most 10 ms per wait, and goes on at once when it is: a line that drains
+// quickly costs no timer. A write that fails for any other reason cannot be
+// helped by waiting for room (the descriptor would report ready at once), so
+// it backs off 10 ms before its next try. Either way the time spent waiting
+// adds up, and after a whole second of it the write gives up with the bytes
+// still unsent in its log line, returning 0 like a success. A stop of the
+// calling thread ends the wait at once and takes the same way out.
 int write_to_device(int fd, const void* buf, uint32_t len) {
     if (fd <= 0) {
         log_dbg("fd(%d) is not valid.", fd);
@@ -31,21 +45,25 @@ int write_to_device(int fd, const void* buf, uint32_t len) {
     }
     const auto* p = static_cast<const uint8_t*>(buf);
     uint32_t left = len;
-    int tries = kWriteTries;
-    while (tries > 0) {
+    int64_t waited_ns = 0;
+    for (;;) {
         ssize_t n = write(fd, p, left);
-        if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) {
-            int w = pub_util_wait_fd(fd, POLLOUT, -1);
-            if (w == kWaitStopped) break;
-            if (w > 0) continue;
-        }
         if (n >= 0 && static_cast<uint32_t>(n) == left) return 0;
+        if (n < 0 && errno == EINTR) continue;
+        bool no_room = n >= 0 || errno == EAGAIN || errno == EWOULDBLOCK;
         if (n > 0) {
             p += n;
             left -= static_cast<uint32_t>(n);
         }
-        --tries;
-        if (!pub_util_msleep(kWriteBackoffMs)) break;
+        int64_t start = monotonic_ns();
+        bool stopped;
+        if (no_room) {
+            stopped = pub_util_wait_fd(fd, POLLOUT, static_cast<int>(kWriteWaitMs)) == kWaitStopped;
+        } else {
+            stopped = !pub_util_msleep(kWriteWaitMs);
+        }
+        waited_ns += monotonic_ns() - start;
+        if (stopped || waited_ns >= kWriteWaitBudgetNs) break;
     }
     log_dbg("write to device failure (timeout) len_tmp:%d, fd:%d.", static_cast<int>(left), fd);
     return 0;

@@ -2,8 +2,11 @@
 // thread.
 #include "process/lifecycle.hpp"
 
+#include <chrono>
 #include <climits>
+#include <condition_variable>
 #include <cstdlib>
+#include <mutex>
 #include <unistd.h>
 
 #include "channel/amt_channel.hpp"
@@ -14,8 +17,51 @@
 std::atomic<int32_t> g_blnExitSignal{0};
 std::atomic<uint8_t> g_blnDeinitDone{0};
 
+namespace {
+
+// A teardown that another thread runs (the monitoring thread at DISCONNECTED)
+// is waited for, within a bound, before the caller goes on to end the process:
+// exit() must not release what that teardown is still closing.
+constexpr auto kOtherTeardownWait = std::chrono::seconds(5);
+std::mutex g_deinit_lock;
+std::condition_variable g_deinit_finished_cv;
+bool g_deinit_finished = false;  // guarded by g_deinit_lock
+
+// The main thread may still be in the start when a signal ends the process:
+// exit() must not release the rows and buffers that the start is using. The
+// start gives up at its next step once a teardown has begun (the channel
+// opening tests for it before each try), and the main thread then parks; the
+// signal thread waits for that, within a bound, before it exits.
+constexpr auto kMainParkWait = std::chrono::seconds(3);
+std::mutex g_park_lock;
+std::condition_variable g_main_parked_cv;
+bool g_main_parked = false;  // guarded by g_park_lock
+
+void announce_main_parked() {
+    std::lock_guard<std::mutex> hold(g_park_lock);
+    g_main_parked = true;
+    g_main_parked_cv.notify_all();
+}
+
+}  // namespace
+
+void await_main_thread_parked() {
+    std::unique_lock<std::mutex> lock(g_park_lock);
+    g_main_parked_cv.wait_for(lock, kMainParkWait, [] { return g_main_parked; });
+}
+
 int amt_deinit_once() {
-    if (g_blnDeinitDone.exchange(1) == 0) amt_handle_deinit();
+    if (g_blnDeinitDone.exchange(1) == 0) {
+        amt_handle_deinit();
+        // Notified under the lock: the waiter goes on to exit(), which
+        // destroys the condition variable, only after the notification.
+        std::lock_guard<std::mutex> hold(g_deinit_lock);
+        g_deinit_finished = true;
+        g_deinit_finished_cv.notify_all();
+        return 0;
+    }
+    std::unique_lock<std::mutex> lock(g_deinit_lock);
+    g_deinit_finished_cv.wait_for(lock, kOtherTeardownWait, [] { return g_deinit_finished; });
     return 0;
 }
 
@@ -27,26 +73,31 @@ int main_handle_stop() {
 
 void park_if_exiting() {
     if (g_blnExitSignal.load() == 0) return;
+    announce_main_parked();
     for (;;) pause();
 }
 
-namespace {
+bool claim_exit_road() {
+    static std::atomic<bool> claimed{false};
+    return !claimed.exchange(true);
+}
 
-[[noreturn]] void fail_start(const char* text, int result) {
+void fail_start(const char* text, int result) {
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wformat-nonliteral"
     log_err(text, result);
 #pragma GCC diagnostic pop
-    // A stop by signal may have cut the start short: that road ends the
-    // process (code 0), not this one.
-    park_if_exiting();
+    if (!claim_exit_road()) {
+        // A stop by signal cut the start short: that road ends the process
+        // (code 0) once this thread has parked.
+        log_dbg("the stop by signal ends the process");
+        announce_main_parked();
+        for (;;) pause();
+    }
     amt_deinit_once();
-    park_if_exiting();
     log_dbg("will exit\r\n");
     exit(kExitStartFailure);
 }
-
-}  // namespace
 
 int main_handle_start() {
     int r = ovta_amt_init();
@@ -68,5 +119,6 @@ int run_normal() {
     int r = main_handle_start();
     log_dbg("main_handle_start end \n");
     if (r != 0) return r;
+    announce_main_parked();
     for (;;) sleep(UINT_MAX);
 }

@@ -58,7 +58,8 @@ int main(int argc, char** argv) {
     }
     cfg_init();
     if (argc > 1 && !read_options(argc, argv)) return 0;
-    install_exit_signals();
+    int r = install_exit_signals();
+    if (r != 0) fail_start("install_exit_signals failure: %d", r);
     if (cfg_read(config_file_st.config_file_path) != 0) {
         log_dbg("cfg_read fail.\r\n");
         return 0;

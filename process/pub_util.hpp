@@ -2,8 +2,8 @@
 // write, raw serial mode and the line reader.
 //
 // Stopping a thread. Every thread that can be stopped (channel threads, the USB
-// threads) opens a ThreadStopScope as it starts: it registers an eventfd for the
-// thread. pub_util_kill_thread() sets that event. Every blocking wait of such a
+// threads) is started by pub_util_create_thread, which registers an eventfd for
+// the thread before it runs. pub_util_kill_thread() sets that event. Every blocking wait of such a
 // thread goes through the waits below, which watch the event beside the
 // descriptor, semaphore or clock they wait on; once the event is set, they all
 // return "stopped" at once and keep doing so, so the thread unwinds through its
@@ -38,7 +38,10 @@ void pub_util_log_hex(const char* label, const uint8_t* data, size_t count, size
 // thread that the timer owns). A handle holds kNoTimer or a live timer. Handles
 // are shared between the receive thread, the monitoring thread and timer
 // threads, so each change is one atomic exchange: a timer is deleted once and
-// its handle ends at kNoTimer. A handler may delete its own timer.
+// its handle ends at kNoTimer. Handlers run one at a time and must not block.
+// Once deleteTimer has returned, the handler of the deleted timer does not run
+// again, and none still runs (unless the caller is that handler: a handler may
+// delete its own timer, or another one).
 struct AmtTimer;
 using TimerHandle = std::atomic<AmtTimer*>;
 constexpr AmtTimer* kNoTimer = nullptr;
@@ -55,12 +58,24 @@ long timer_log_id(const TimerHandle* handle);
 // ---- Threads ----------------------------------------------------------------
 using ThreadHandle = std::atomic<pthread_t>;  // 0 when there is no thread
 
+// Starts proc(arg) on a new thread that can be stopped: its stop event is made
+// and noted under the thread's id before the thread runs. Returns 0 with the id
+// in *tid, or an error number (no event could be made, the table of stoppable
+// threads is full, or pthread_create failed): no thread then runs.
+int pub_util_create_thread(pthread_t* tid, void* (*proc)(void*), void* arg, bool detached);
+
+// Makes the calling thread stoppable for the scope's life, for a thread that
+// was not started by pub_util_create_thread (the tests' own threads). Without
+// a free slot the thread stays unstoppable and logs it.
 class ThreadStopScope {
 public:
-    ThreadStopScope();   // registers the calling thread's stop event
-    ~ThreadStopScope();  // unregisters it and closes the event
+    ThreadStopScope();
+    ~ThreadStopScope();
     ThreadStopScope(const ThreadStopScope&) = delete;
     ThreadStopScope& operator=(const ThreadStopScope&) = delete;
+
+private:
+    bool owns_ = false;  // false for a thread that was stoppable already
 };
 
 // Asks the thread to stop and gives it 10 ms. Returns 0, or the error number of

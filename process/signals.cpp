@@ -9,7 +9,9 @@
 //   service ends by the ordinary road;
 // - raised by a fault: returning would fault again and the state may be
 //   corrupt, so the handler writes the exit lines with async-signal-safe calls
-//   and ends the process with code 0 at once, without a teardown.
+//   and ends the process with code 0 at once, without a teardown. In USB mode
+//   it first publishes the verdict property, also with async-signal-safe
+//   calls only, so that a crash never leaves the factory line without one.
 #include <cerrno>
 #include <csignal>
 #include <cstdlib>
@@ -17,29 +19,21 @@
 #include <pthread.h>
 #include <unistd.h>
 
+#include "platform/async_safe_text.hpp"
 #include "platform/platform.hpp"
 #include "process/lifecycle.hpp"
 #include "process/pub_util.hpp"
+#include "usb/verdict.hpp"
+
+#ifdef OVTA_COVERAGE
+extern "C" void __gcov_dump();
+#endif
 
 namespace {
 
 constexpr int kExitSignals[] = {SIGINT, SIGTERM, SIGSEGV, SIGBUS, SIGQUIT};
 
 int forward_signal() { return SIGRTMAX - 1; }
-
-void format_signal_line(char* out, size_t cap, const char* text, int sig) {
-    size_t pos = 0;
-    for (const char* p = text; *p && pos + 1 < cap; ++p) out[pos++] = *p;
-    char digits[12];
-    size_t n = 0;
-    unsigned v = static_cast<unsigned>(sig);
-    do {
-        digits[n++] = static_cast<char>('0' + v % 10);
-        v /= 10;
-    } while (v && n < sizeof(digits));
-    while (n && pos + 1 < cap) out[pos++] = digits[--n];
-    out[pos] = '\0';
-}
 
 void fault_signal_handler(int sig, siginfo_t* info, void*) {
     if (info != nullptr && info->si_code <= 0) {
@@ -51,10 +45,17 @@ void fault_signal_handler(int sig, siginfo_t* info, void*) {
         return;
     }
     char line[64];
-    format_signal_line(line, sizeof(line), "receive signal: ", sig);
+    const char text[] = "receive signal: ";
+    size_t len = platform::append_text(line, 0, sizeof(line), text, sizeof(text) - 1);
+    line[platform::append_decimal(line, len, sizeof(line), static_cast<unsigned>(sig))] = '\0';
     platform::log_write_async_safe(platform::kLogDebug, kLogTag, line);
     platform::log_write_async_safe(platform::kLogDebug, kLogTag, "receive signal to exit\n");
+    amt_publish_verdict_async_safe();
     platform::log_write_async_safe(platform::kLogDebug, kLogTag, "will exit\r\n");
+#ifdef OVTA_COVERAGE
+    // _exit skips the writing of the counts; a coverage build writes them here.
+    __gcov_dump();
+#endif
     _exit(0);
 }
 
@@ -62,8 +63,14 @@ void handle_exit_signal(int sig) {
     log_dbg("receive signal: %d", sig);
     if (g_blnExitSignal.exchange(1) == 1) return;
     for (int s : kExitSignals) signal(s, SIG_IGN);
+    if (!claim_exit_road()) {
+        // The start has failed and is ending the process with its own code.
+        log_dbg("the failed start ends the process");
+        for (;;) pause();
+    }
     log_dbg("receive signal to exit\n");
     main_handle_stop();
+    await_main_thread_parked();
     exit(0);
 }
 
@@ -93,7 +100,7 @@ void* signal_thread_proc(void*) {
 
 }  // namespace
 
-void install_exit_signals() {
+int install_exit_signals() {
     signal(SIGPIPE, SIG_IGN);
     struct sigaction sa {};
     sa.sa_sigaction = fault_signal_handler;
@@ -112,5 +119,10 @@ void install_exit_signals() {
     pthread_attr_setdetachstate(&attr, PTHREAD_CREATE_DETACHED);
     int err = pthread_create(&tid, &attr, signal_thread_proc, nullptr);
     pthread_attr_destroy(&attr);
-    if (err != 0) log_err("signal thread: %d - %s", err, strerror(err));
+    if (err != 0) {
+        // Nobody would take the blocked signals: a SIGTERM would be lost.
+        log_err("signal thread: %d - %s", err, strerror(err));
+        pthread_sigmask(SIG_UNBLOCK, &set, nullptr);
+    }
+    return err;
 }

@@ -1,17 +1,23 @@
 // Stopping one thread without signals.
 //
-// Each stoppable thread registers an eventfd (its stop event) in a small table
-// keyed by its pthread id; pub_util_kill_thread sets the event. All blocking
-// waits of the thread poll that event beside what they wait for, so a thread
-// blocked in a read, an accept, a semaphore wait or a sleep returns at once and
-// unwinds through its own returns. The event stays set: every later wait of the
-// thread returns "stopped" too, so the way out cannot block again.
+// Each stoppable thread owns an eventfd (its stop event) and a flag in a small
+// table keyed by its pthread id. pub_util_create_thread makes them before the
+// thread exists, so a stop can never miss a thread that has not yet reached its
+// first wait, and a thread that cannot have a stop event is not started at all; pub_util_kill_thread sets the flag, then
+// the event. All blocking waits of the thread poll that event beside what they
+// wait for, so a thread blocked in a read, an accept, a semaphore wait or a
+// sleep returns at once and unwinds through its own returns. The event stays
+// set: every later wait of the thread returns "stopped" too, so the way out
+// cannot block again. The flag answers pub_util_stop_requested, which the byte
+// paths ask several times per message, without a system call.
 //
-// The table is guarded by a mutex; a thread leaves it before it ends, so a kill
-// never touches the id of a thread that is gone.
+// The table is guarded by a mutex; a thread leaves it just before it ends, so a
+// kill never touches the id of a thread that is gone, and a thread without a
+// slot has ended: its join returns.
 #include "process/pub_util.hpp"
 
 #include <cerrno>
+#include <cstdint>
 #include <cstring>
 #include <mutex>
 #include <poll.h>
@@ -24,58 +30,133 @@ namespace {
 
 constexpr size_t kMaxStoppable = 32;
 
+using ThreadProc = void* (*)(void*);
+
 struct StopSlot {
     pthread_t tid{};
     int event_fd = -1;  // -1: slot free
+    std::atomic<bool> flag{false};
+    ThreadProc proc = nullptr;  // what a thread started here runs
+    void* arg = nullptr;
 };
 
 std::mutex g_stop_lock;
-StopSlot g_stop_slots[kMaxStoppable];  // guarded by g_stop_lock
+StopSlot g_stop_slots[kMaxStoppable];  // guarded by g_stop_lock (flag: atomic)
 
 thread_local int t_stop_fd = -1;
 thread_local bool t_stopped = false;
+// The flag of the calling thread's slot; the slot stays the thread's until the
+// thread leaves the table (under the lock), just before it ends.
+thread_local std::atomic<bool>* t_stop_flag = nullptr;
 
-bool stop_event_set(int fd) {
-    pollfd p{fd, POLLIN, 0};
-    return poll(&p, 1, 0) > 0;
+// Takes a free slot for a new stop event; the caller holds g_stop_lock.
+// Returns the slot's index, or -1 (with the error number in *err) when no
+// event can be made or the table is full.
+int take_slot(int* err) {
+    int fd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+    if (fd < 0) {
+        *err = errno;
+        log_err("stop event of a thread: eventfd error:%d-%s", *err, strerror(*err));
+        return -1;
+    }
+    for (size_t i = 0; i < kMaxStoppable; ++i) {
+        StopSlot& s = g_stop_slots[i];
+        if (s.event_fd < 0) {
+            s.event_fd = fd;
+            s.flag = false;
+            s.tid = pthread_t{};
+            return static_cast<int>(i);
+        }
+    }
+    close(fd);
+    *err = EAGAIN;
+    log_err("stop event of a thread: table full (%zu threads)", kMaxStoppable);
+    return -1;
+}
+
+// The caller holds g_stop_lock.
+void free_slot(StopSlot& s) {
+    close(s.event_fd);
+    s.event_fd = -1;
+    s.tid = pthread_t{};
+    s.proc = nullptr;
+    s.arg = nullptr;
+}
+
+void adopt_slot(StopSlot& s) {
+    t_stop_fd = s.event_fd;
+    t_stop_flag = &s.flag;
+    t_stopped = false;
+}
+
+void leave_slot() {
+    if (t_stop_fd < 0) return;
+    std::lock_guard<std::mutex> hold(g_stop_lock);
+    for (auto& s : g_stop_slots) {
+        if (s.event_fd == t_stop_fd) free_slot(s);
+    }
+    t_stop_fd = -1;
+    t_stop_flag = nullptr;
+}
+
+// Leaves the table however the thread's procedure ends.
+struct SlotLeaver {
+    ~SlotLeaver() { leave_slot(); }
+};
+
+void* stoppable_thread_main(void* index_arg) {
+    StopSlot& slot = g_stop_slots[reinterpret_cast<uintptr_t>(index_arg)];
+    ThreadProc proc = nullptr;
+    void* arg = nullptr;
+    {
+        // Waits for the creator to note the thread's id in the slot.
+        std::lock_guard<std::mutex> hold(g_stop_lock);
+        adopt_slot(slot);
+        proc = slot.proc;
+        arg = slot.arg;
+    }
+    SlotLeaver leaver;
+    return proc(arg);
 }
 
 }  // namespace
 
-ThreadStopScope::ThreadStopScope() {
-    int fd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
-    if (fd < 0) {
-        log_dbg("stop event of thread %ld: eventfd error:%d-%s", static_cast<long>(syscall(SYS_gettid)),
-                errno, strerror(errno));
-        return;
-    }
+int pub_util_create_thread(pthread_t* tid, void* (*proc)(void*), void* arg, bool detached) {
     std::lock_guard<std::mutex> hold(g_stop_lock);
-    for (auto& s : g_stop_slots) {
-        if (s.event_fd < 0) {
-            s.tid = pthread_self();
-            s.event_fd = fd;
-            t_stop_fd = fd;
-            t_stopped = false;
-            return;
-        }
+    int err = 0;
+    int index = take_slot(&err);
+    if (index < 0) return err;
+    StopSlot& slot = g_stop_slots[index];
+    slot.proc = proc;
+    slot.arg = arg;
+    pthread_attr_t attr;
+    pthread_attr_init(&attr);
+    if (detached) pthread_attr_setdetachstate(&attr, PTHREAD_CREATE_DETACHED);
+    pthread_t made{};
+    err = pthread_create(&made, &attr, stoppable_thread_main, reinterpret_cast<void*>(static_cast<uintptr_t>(index)));
+    pthread_attr_destroy(&attr);
+    if (err != 0) {
+        free_slot(slot);
+        return err;
     }
-    close(fd);
-    log_dbg("stop event of thread %ld: table full", static_cast<long>(syscall(SYS_gettid)));
+    slot.tid = made;
+    *tid = made;
+    return 0;
+}
+
+ThreadStopScope::ThreadStopScope() {
+    if (t_stop_fd >= 0) return;
+    std::lock_guard<std::mutex> hold(g_stop_lock);
+    int err = 0;
+    int index = take_slot(&err);
+    if (index < 0) return;
+    g_stop_slots[index].tid = pthread_self();
+    adopt_slot(g_stop_slots[index]);
+    owns_ = true;
 }
 
 ThreadStopScope::~ThreadStopScope() {
-    if (t_stop_fd < 0) return;
-    {
-        std::lock_guard<std::mutex> hold(g_stop_lock);
-        for (auto& s : g_stop_slots) {
-            if (s.event_fd == t_stop_fd) {
-                s.event_fd = -1;
-                s.tid = pthread_t{};
-            }
-        }
-    }
-    close(t_stop_fd);
-    t_stop_fd = -1;
+    if (owns_) leave_slot();
 }
 
 int pub_util_kill_thread(ThreadHandle* handle) {
@@ -84,11 +165,14 @@ int pub_util_kill_thread(ThreadHandle* handle) {
     if (tid == pthread_t{}) return 0;
     {
         std::lock_guard<std::mutex> hold(g_stop_lock);
-            StopSlot* slot = nullptr;
+        StopSlot* slot = nullptr;
         for (auto& s : g_stop_slots) {
             if (s.event_fd >= 0 && pthread_equal(s.tid, tid)) slot = &s;
         }
-        if (slot == nullptr) return 0;  // the thread has ended: nothing to stop
+        // Every stoppable thread holds its slot from before it runs until just
+        // before it ends: no slot means the thread has ended.
+        if (slot == nullptr) return 0;
+        slot->flag.store(true);
         uint64_t one = 1;
         if (write(slot->event_fd, &one, sizeof(one)) != static_cast<ssize_t>(sizeof(one))) {
             int err = errno;
@@ -112,8 +196,7 @@ void pub_util_handle_thread_signal(int sig) {
 }
 
 bool pub_util_stop_requested() {
-    if (t_stopped) return true;
-    if (t_stop_fd >= 0 && stop_event_set(t_stop_fd)) t_stopped = true;
+    if (!t_stopped && t_stop_flag != nullptr && t_stop_flag->load()) t_stopped = true;
     return t_stopped;
 }
 

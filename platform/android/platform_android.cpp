@@ -22,4 +22,10 @@ int property_set(const char* key, const char* value) {
     return ::property_set(key, value);
 }
 
+// bionic hands the value to the property service over a socket with plain
+// system calls (socket, connect, send, poll), no lock and no allocation.
+int property_set_async_safe(const char* key, const char* value) {
+    return ::property_set(key, value);
+}
+
 }  // namespace platform

@@ -1,8 +1,12 @@
 // Host log: each record goes to standard error in logcat's brief form,
 // "P/TAG(PID): text", one output line per line of the record. A record's lines
 // are written under one lock so records of different threads do not interleave.
+// A null tag prints as the program's name, the default tag that liblog puts
+// in its place.
+#include "platform/async_safe_text.hpp"
 #include "platform/platform.hpp"
 
+#include <cerrno>
 #include <cstring>
 #include <mutex>
 #include <unistd.h>
@@ -24,25 +28,6 @@ char priority_letter(int priority) {
     }
 }
 
-// Appends a decimal number; no stdio, so it serves the async-safe path too.
-size_t append_uint(char* out, size_t pos, size_t cap, unsigned long v) {
-    char digits[24];
-    size_t n = 0;
-    do {
-        digits[n++] = static_cast<char>('0' + v % 10);
-        v /= 10;
-    } while (v != 0 && n < sizeof(digits));
-    while (n > 0 && pos + 1 < cap) out[pos++] = digits[--n];
-    return pos;
-}
-
-size_t append_text(char* out, size_t pos, size_t cap, const char* text, size_t len) {
-    size_t room = cap > pos + 1 ? cap - pos - 1 : 0;
-    size_t n = len < room ? len : room;
-    memcpy(out + pos, text, n);
-    return pos + n;
-}
-
 void write_all(int fd, const char* buf, size_t len) {
     while (len > 0) {
         ssize_t n = ::write(fd, buf, len);
@@ -59,12 +44,13 @@ void write_all(int fd, const char* buf, size_t len) {
 // goes with it); a record that ends in a line end gives no empty last line.
 void emit_record(int priority, const char* tag, const char* text) {
     char line[1200];
+    if (tag == nullptr) tag = program_invocation_short_name;
     size_t prefix = 0;
     line[prefix++] = priority_letter(priority);
     line[prefix++] = '/';
     prefix = append_text(line, prefix, sizeof(line), tag, strlen(tag));
     prefix = append_text(line, prefix, sizeof(line), "(", 1);
-    prefix = append_uint(line, prefix, sizeof(line), static_cast<unsigned long>(getpid()));
+    prefix = append_decimal(line, prefix, sizeof(line), static_cast<unsigned long>(getpid()));
     prefix = append_text(line, prefix, sizeof(line), "): ", 3);
 
     const char* p = text;

@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <csignal>
 #include <gtest/gtest.h>
+#include <optional>
+#include <sys/resource.h>
 
 #include "phone_test.hpp"
 
@@ -152,6 +154,43 @@ TEST_F(Shutdown, NoWfmgrListeningEndsTheStartWithCode21AfterTwentyTries) {
     EXPECT_EQ(d->count_log("E/OVTA_AMT(" + std::to_string(d->pid()) + "): open_all_device failure: -118"), 1u);
     EXPECT_EQ(d->count_log("will exit"), 1u);
     EXPECT_EQ(d->count_log("handle_start success"), 0u);
+}
+
+// A stop by signal that comes while a failed start ends the process: the
+// process still ends once, by one road, with that road's code and one teardown.
+TEST_F(Shutdown, SignalsWhileAFailedStartEndsTheProcessEndItOnce) {
+    Daemon* d = launch();
+    ASSERT_NE(d, nullptr);
+    ASSERT_TRUE(d->wait_for_log("circle times:20.", 60s));
+    auto deadline = std::chrono::steady_clock::now() + kWait;
+    while (d->running() && std::chrono::steady_clock::now() < deadline) d->signal(SIGTERM);
+    std::optional<int> ended = d->wait_exit(kWait);
+    ASSERT_TRUE(ended.has_value());
+    int code = *ended;
+    ASSERT_TRUE(code == 21 || code == 0) << code;
+    EXPECT_EQ(d->count_log("will exit"), 1u);
+    EXPECT_EQ(d->count_log("will call close_ovta_amt.i:0."), 1u);
+    EXPECT_EQ(d->count_log("receive signal to exit"), code == 0 ? 1u : 0u);
+}
+
+// Without its signal thread the service could not be stopped by a signal: a
+// stack limit far beyond the memory makes every new thread fail, and the
+// start fails with it instead of running on.
+TEST_F(Shutdown, SignalThreadThatCannotStartFailsTheStartWithCode21) {
+    rlimit before{};
+    ASSERT_EQ(getrlimit(RLIMIT_STACK, &before), 0);
+    // The soft limit only: a lowered hard limit could not be raised again.
+    rlimit huge = before;
+    huge.rlim_cur = rlim_t{1} << 40;
+    if (before.rlim_max != RLIM_INFINITY && before.rlim_max < huge.rlim_cur) huge.rlim_cur = before.rlim_max;
+    ASSERT_EQ(setrlimit(RLIMIT_STACK, &huge), 0);
+    Daemon* d = launch();
+    EXPECT_EQ(setrlimit(RLIMIT_STACK, &before), 0);
+    ASSERT_NE(d, nullptr);
+    ASSERT_EQ(d->wait_exit(kWait), 21);
+    EXPECT_EQ(d->count_log("E/OVTA_AMT(" + std::to_string(d->pid()) + "): install_exit_signals failure: 11"), 1u);
+    EXPECT_EQ(d->count_log("will exit"), 1u);
+    EXPECT_EQ(d->count_log("try to create client socket"), 0u);
 }
 
 }  // namespace

@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <pthread.h>
+#include <string>
 #include <unistd.h>
 #include <vector>
 
@@ -32,6 +33,49 @@ TEST(WriteToDevice, GivesUpAfterItsTriesAndReportsTheUnsentBytes) {
     uint8_t buf[24] = {};
     EXPECT_EQ(write_to_device(p[1], buf, sizeof(buf)), 0);  // a time-out looks like success
     EXPECT_TRUE(log.contains("write to device failure (timeout) len_tmp:24, fd:"));
+    close(p[1]);
+}
+
+// Waits up to 10 s for the flag; false if it never came.
+bool comes_true(const std::atomic<bool>& flag) {
+    for (int i = 0; i < 10000 && !flag; ++i) usleep(1000);
+    return flag;
+}
+
+// A line that never takes another byte: the write waits for room, gives up
+// after its second of waiting and says how many bytes it could not send.
+TEST(WriteToDevice, GivesUpOnADescriptorThatStaysFullAndReportsTheUnsentBytes) {
+    signal(SIGPIPE, SIG_IGN);
+    int p[2];
+    ASSERT_EQ(pipe2(p, O_NONBLOCK), 0);
+    std::vector<uint8_t> fill(65536, 0x55);
+    while (write(p[1], fill.data(), fill.size()) > 0 || write(p[1], fill.data(), 1) > 0) {
+    }
+    LogCapture log;
+    struct Ctx {
+        int fd;
+        std::atomic<bool> done{false};
+        int result = -2;
+    } ctx;
+    ctx.fd = p[1];
+    pthread_t writer{};
+    pthread_create(
+        &writer, nullptr,
+        [](void* a) -> void* {
+            auto* c = static_cast<Ctx*>(a);
+            uint8_t buf[24] = {};
+            c->result = write_to_device(c->fd, buf, sizeof(buf));
+            c->done = true;
+            return nullptr;
+        },
+        &ctx);
+    bool ended = comes_true(ctx.done);
+    EXPECT_TRUE(ended) << "the write never gave up";
+    if (!ended) close(p[0]);  // lets the stuck write fail
+    pthread_join(writer, nullptr);
+    EXPECT_EQ(ctx.result, 0);  // a time-out looks like success
+    EXPECT_TRUE(log.contains("write to device failure (timeout) len_tmp:24, fd:" + std::to_string(p[1]) + "."));
+    if (ended) close(p[0]);
     close(p[1]);
 }
 

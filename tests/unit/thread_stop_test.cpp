@@ -1,11 +1,14 @@
 // A stop request must end every kind of blocking wait at once, without help
 // from the code the thread runs, and leave the thread joinable.
 #include <atomic>
+#include <cerrno>
+#include <cstdint>
 #include <functional>
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <pthread.h>
 #include <unistd.h>
+#include <vector>
 
 #include "channel/event_sem.hpp"
 #include "log_capture.hpp"
@@ -21,7 +24,6 @@ struct Blocked {
 
 void* blocked_proc(void* arg) {
     auto* b = static_cast<Blocked*>(arg);
-    ThreadStopScope scope;
     b->registered = true;
     bool normal = b->wait();
     b->outcome = normal ? 1 : 0;
@@ -34,7 +36,7 @@ int stop_blocked(std::function<bool()> wait) {
     Blocked b;
     b.wait = std::move(wait);
     pthread_t tid{};
-    EXPECT_EQ(pthread_create(&tid, nullptr, blocked_proc, &b), 0);
+    EXPECT_EQ(pub_util_create_thread(&tid, blocked_proc, &b, false), 0);
     while (!b.registered) usleep(1000);
     usleep(20000);  // let it reach its wait
     ThreadHandle handle{tid};
@@ -62,6 +64,19 @@ TEST(ThreadStop, EndsASemaphoreWait) {
     EXPECT_EQ(stop_blocked([&] { return sem.wait(); }), 0);
 }
 
+// The waits of a started message look at the ring again after each timed
+// wait on rcv_sem; a stop must end that loop, not only a single wait.
+TEST(ThreadStop, EndsTimedSemaphoreWaitsThatKeepLookingAgain) {
+    EventSem sem;
+    ASSERT_TRUE(sem.create(0));
+    EXPECT_EQ(stop_blocked([&] {
+                  for (;;) {
+                      if (!sem.wait_for(20)) return false;
+                  }
+              }),
+              0);
+}
+
 TEST(ThreadStop, StopStaysSetSoTheWayOutCannotBlockAgain) {
     LogCapture log;
     EXPECT_EQ(stop_blocked([] {
@@ -78,13 +93,58 @@ TEST(ThreadStop, NoThreadAndEndedThreadGiveZeroAndKeepTheHandle) {
     EXPECT_EQ(pub_util_kill_thread(&none), 0);
 
     pthread_t tid{};
-    ASSERT_EQ(pthread_create(
-                  &tid, nullptr, [](void*) -> void* { ThreadStopScope s; return nullptr; }, nullptr),
-              0);
+    ASSERT_EQ(pub_util_create_thread(&tid, [](void*) -> void* { return nullptr; }, nullptr, false), 0);
     ASSERT_EQ(pthread_join(tid, nullptr), 0);
     ThreadHandle ended{tid};
     EXPECT_EQ(pub_util_kill_thread(&ended), 0);
     EXPECT_EQ(ended.load(), tid);
+}
+
+// A stop that comes before the new thread has run a single line is kept for
+// it: the teardown may stop a thread the start has only just created.
+TEST(ThreadStop, StopRightAfterTheStartIsNotLost) {
+    for (int i = 0; i < 50; ++i) {
+        pthread_t tid{};
+        ASSERT_EQ(pub_util_create_thread(
+                      &tid, [](void*) -> void* { return pub_util_msleep(600000) ? reinterpret_cast<void*>(uintptr_t{1}) : nullptr; }, nullptr,
+                      false),
+                  0);
+        ThreadHandle handle{tid};
+        EXPECT_EQ(pub_util_kill_thread(&handle), 0);
+        void* result = &handle;
+        ASSERT_EQ(pthread_join(tid, &result), 0);
+        EXPECT_EQ(result, nullptr) << "the sleep was not ended by the stop";
+    }
+}
+
+// A thread that could have no stop event could never be stopped, and a
+// teardown joining it would hang: such a thread is not started at all.
+TEST(ThreadStop, ThreadWithoutAStopEventIsNotStarted) {
+    LogCapture log;
+    std::vector<Blocked> blocked(40);
+    std::vector<pthread_t> started;
+    int refused = 0;
+    for (Blocked& b : blocked) {
+        b.wait = [] { return pub_util_msleep(600000); };
+        pthread_t tid{};
+        int err = pub_util_create_thread(&tid, blocked_proc, &b, false);
+        if (err == 0) {
+            started.push_back(tid);
+        } else {
+            EXPECT_EQ(err, EAGAIN);
+            ++refused;
+        }
+    }
+    EXPECT_GT(refused, 0);
+    EXPECT_TRUE(log.contains("table full"));
+    for (pthread_t tid : started) {
+        ThreadHandle handle{tid};
+        EXPECT_EQ(pub_util_kill_thread(&handle), 0);
+        EXPECT_EQ(pthread_join(tid, nullptr), 0);
+    }
+    int ran = 0;
+    for (Blocked& b : blocked) ran += b.registered ? 1 : 0;
+    EXPECT_EQ(ran, static_cast<int>(started.size())) << "a refused thread ran";
 }
 
 TEST(EventSemaphore, CountsPostsAndWakesOncePerPost) {
