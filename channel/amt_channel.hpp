@@ -4,9 +4,14 @@
 //
 // Who touches what, once a row is open:
 // - the receive thread writes the ring, down_total, not_enough_count and,
-//   for a server row, accept_fd; it posts rcv_sem;
+//   for a server row, accept_fd; it posts rcv_sem after every write to the
+//   ring, which is what the transfer thread sleeps on while it waits for bytes;
 // - the transfer thread reads the ring and alone owns temp_msg,
 //   temp_msg_process_len, m_nLoadLen and m_msg_cmd;
+// - a receive thread held back by a ring without room for a read publishes
+//   the room it needs in room_wanted and sleeps on room_sem; the transfer
+//   thread posts room_sem once that much room is free (channel_room_made),
+//   and does nothing more than one atomic load while nobody waits;
 // - any thread may send through write_msg_to_socket (fd, up_total,
 //   m_socket_conn_status);
 // - close_ovta_amt runs once per row (closed_flag is an atomic exchange) on
@@ -78,6 +83,8 @@ struct AmtChannel {
     uint32_t not_enough_count = 0;
     std::atomic<int32_t> m_socket_conn_status{kConnNotYet};
     EventSem rcv_sem;
+    std::atomic<uint32_t> room_wanted{0};  // free bytes the receive thread waits for; 0: it does not wait
+    EventSem room_sem;                     // posted by the transfer thread when that room is there
 };
 
 // Two channels and the terminator row (null receive_proc).

@@ -4,6 +4,14 @@
 // The thread alone owns temp_msg, temp_msg_process_len, m_nLoadLen and
 // m_msg_cmd. Every wait watches the thread's stop event (pub_util.hpp).
 //
+// The thread sleeps on rcv_sem, which the receive thread posts after every
+// write to the ring, so bytes end each wait as they come. Between messages,
+// and in the head search before any head byte matched, the wait has no end
+// but bytes or a stop: an idle link costs no wake-up at all. While a message
+// is under way each wait lasts at most 20 ms before the ring is looked at
+// again. rcv_sem counts writes, not bytes: a wait may return with too few
+// bytes, and the ring is looked at again after every wake-up.
+//
 // Lengths are checked before anything is waited for: a PcFrame's frame_len
 // must lie in 8..40952 and a WfMsg's total_len in 20..40960, or the message
 // could overrun temp_msg or wait for a rest that can never come.
@@ -22,33 +30,46 @@ constexpr uint32_t kBytesWaitMs = 20;
 
 uint32_t header_size(uint32_t index) { return index == kChannelPc ? 12 : 20; }
 
-// Waits until the ring holds at least count bytes. False on a stop.
+// Waits until the ring holds at least count bytes of a started message:
+// each look sleeps until the receive thread has written to the ring (rcv_sem
+// is posted after every write), at most 20 ms. False on a stop.
 bool wait_for_bytes(AmtChannel& row, uint32_t count) {
     while (getRingBufDataLen(&row.ring_buf) < static_cast<int32_t>(count)) {
-        if (!pub_util_msleep(kBytesWaitMs)) return false;
+        if (!row.rcv_sem.wait_for(kBytesWaitMs)) return false;
     }
     return true;
 }
 
+// Every read from the ring may free the room that the receive thread waits for.
+int32_t take_from_ring(AmtChannel& row, uint8_t* dst, uint32_t count) {
+    int32_t got = readRingBuf(&row.ring_buf, dst, count);
+    channel_room_made(row);
+    return got;
+}
+
 // Reads count bytes into temp_msg behind what it holds.
 void take_bytes(AmtChannel& row, uint32_t count) {
-    int32_t got = readRingBuf(&row.ring_buf, row.temp_msg + row.temp_msg_process_len, count);
+    int32_t got = take_from_ring(row, row.temp_msg + row.temp_msg_process_len, count);
     if (got < static_cast<int32_t>(count)) {
         log_dbg("loss data. will_read_len:%d, readed_len:%d", static_cast<int>(count), got);
     }
     if (got > 0) row.temp_msg_process_len += got;
 }
 
-// Runs the head search until a head is found. False on a stop.
+// Runs the head search until a head is found. False on a stop. With no head
+// byte matched, an empty ring means that nothing has started: the thread
+// sleeps until bytes come, however long that takes. Once a head has begun,
+// it looks again at least every 20 ms like the other waits of a message.
 bool find_head(AmtChannel& row) {
     HeadSearch search;
     for (;;) {
         if (getRingBufDataLen(&row.ring_buf) <= 0) {
-            if (!pub_util_msleep(kBytesWaitMs)) return false;
+            bool go_on = search.state == 0 ? row.rcv_sem.wait() : row.rcv_sem.wait_for(kBytesWaitMs);
+            if (!go_on) return false;
             continue;
         }
         uint8_t byte = 0;
-        if (readRingBuf(&row.ring_buf, &byte, 1) != 1) continue;
+        if (take_from_ring(row, &byte, 1) != 1) continue;
         if (verbose_log()) log_dbg(" char:%02x, nIndex:%d", byte, search.state);
         if (head_search_step(&search, byte) == HeadSearchResult::kFound) return true;
     }
@@ -60,12 +81,12 @@ bool skip_bytes(AmtChannel& row, uint32_t count) {
     while (count > 0) {
         int32_t held = getRingBufDataLen(&row.ring_buf);
         if (held <= 0) {
-            if (!pub_util_msleep(kBytesWaitMs)) return false;
+            if (!row.rcv_sem.wait_for(kBytesWaitMs)) return false;
             continue;
         }
         uint32_t chunk = static_cast<uint32_t>(held) < count ? static_cast<uint32_t>(held) : count;
         if (chunk > kTempMsgSize) chunk = kTempMsgSize;
-        int32_t got = readRingBuf(&row.ring_buf, row.temp_msg, chunk);
+        int32_t got = take_from_ring(row, row.temp_msg, chunk);
         if (got > 0) count -= static_cast<uint32_t>(got);
     }
     return true;
@@ -147,7 +168,6 @@ int check_msg_header_ex(AmtChannel* row, const uint8_t* buf, int32_t len) { retu
 
 void* treat_wfmgr_relate_buf_proc(void*) {
     AmtChannel& row = listAmtSrv[kChannelWfmgr];
-    ThreadStopScope stop_scope;
     log_dbg("start treat_wfmgr_relate_buf_proc");
     while (row.run_flag) {
         Step s = wait_for_message_start(row, false);
@@ -183,15 +203,17 @@ void* treat_wfmgr_relate_buf_proc(void*) {
 
 void* treat_chansrv_relate_buf_proc(void*) {
     AmtChannel& row = listAmtSrv[kChannelPc];
-    ThreadStopScope stop_scope;
     log_dbg("start treat_chansrv_relate_buf_proc");
     while (row.run_flag) {
         Step s = wait_for_message_start(row, true);
         if (s == Step::kStop) return channel_thread_stopped();
         if (s == Step::kEnd) break;
         if (isRingBufEmpty(&row.ring_buf) == 1) continue;
+        // temp_msg is zero behind the frame before: only the bytes the last
+        // frame filled need clearing (handlers write nothing but zeros into
+        // it), not all 40 KiB at every frame.
+        memset(row.temp_msg, 0, static_cast<size_t>(row.temp_msg_process_len));
         row.temp_msg_process_len = 0;
-        memset(row.temp_msg, 0, sizeof(row.temp_msg));
         if (!find_head(row)) return channel_thread_stopped();
         memcpy(row.temp_msg, kFrameHead, sizeof(kFrameHead));
         row.temp_msg_process_len += 4;

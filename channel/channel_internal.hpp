@@ -29,3 +29,11 @@ void channel_thread_end(uint32_t index, ThreadHandle AmtChannel::*own_id, const 
 
 // A stoppable channel thread that saw its stop request says so and returns.
 void* channel_thread_stopped();
+
+// Room in the ring for the receive thread (ring_room.cpp).
+// The receive thread, when the ring has no room for a read: waits until the
+// transfer thread has made room, at most wait_ms. False on a stop.
+bool channel_wait_for_room(AmtChannel& row, uint32_t wait_ms);
+// The transfer thread, after each read from the ring: wakes the receive
+// thread if it waits for room and the room is now there.
+void channel_room_made(AmtChannel& row);

@@ -7,6 +7,7 @@
 #include <cstring>
 #include <fcntl.h>
 #include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <sys/socket.h>
 #include <termios.h>
 #include <unistd.h>
@@ -27,7 +28,7 @@ void make_nonblocking(int fd) {
 
 bool teardown_started();
 
-int open_device(AmtChannel& row, uint32_t index) {
+int open_device(AmtChannel& row, uint32_t index, int* opened) {
     log_dbg("try to open device \"%s\". index:%d.", row.name, static_cast<int>(index));
     int fd = -1;
     for (int tries = 0; tries < kOpenTries && fd < 0; ++tries) {
@@ -43,11 +44,11 @@ int open_device(AmtChannel& row, uint32_t index) {
         return kRetResource;
     }
     tcflush(fd, TCIOFLUSH);
-    row.fd = fd;
+    *opened = fd;
     return 0;
 }
 
-int open_socket(AmtChannel& row, uint32_t index, bool server) {
+int open_socket(AmtChannel& row, uint32_t index, bool server, int* opened) {
     log_dbg(server ? "try to create server socket.port:%d . index:%d." : "try to create client socket.port:%d . index:%d.",
             static_cast<int>(row.port), static_cast<int>(index));
     for (int tries = 0; tries < kOpenTries; ++tries) {
@@ -69,6 +70,11 @@ int open_socket(AmtChannel& row, uint32_t index, bool server) {
             setsockopt(sock, SOL_SOCKET, SO_REUSEADDR, &one, sizeof(one));
             linger lg{1, 0};
             setsockopt(sock, SOL_SOCKET, SO_LINGER, &lg, sizeof(lg));
+            // Each message leaves in one write and is wanted at once: without
+            // this, a message sent while the previous one is not yet
+            // acknowledged waits for the peer's delayed ACK (up to 40 ms).
+            // An accepted socket inherits it from its listener.
+            setsockopt(sock, IPPROTO_TCP, TCP_NODELAY, &one, sizeof(one));
             auto* sa = reinterpret_cast<sockaddr*>(&addr);
             if (server) {
                 if (bind(sock, sa, sizeof(addr)) != 0) {
@@ -78,11 +84,11 @@ int open_socket(AmtChannel& row, uint32_t index, bool server) {
                     log_dbg("failed to listen socket(%d),error:%d-%s. index:%d.", sock, errno, strerror(errno), static_cast<int>(index));
                     close(sock);
                 } else {
-                    row.fd = sock;
+                    *opened = sock;
                     return 0;
                 }
             } else if (connect(sock, sa, sizeof(addr)) == 0) {
-                row.fd = sock;
+                *opened = sock;
                 row.m_socket_conn_status = kConnOpen;
                 return 0;
             } else {
@@ -126,14 +132,14 @@ int open_ovta_amt(AmtChannel& row, uint32_t index) {
         return kRetResource;
     }
     pthread_t tid{};
-    int err = pthread_create(&tid, nullptr, row.receive_proc, nullptr);
+    int err = pub_util_create_thread(&tid, row.receive_proc, nullptr, false);
     if (err != 0) {
         log_dbg("pthread_create() receive_thread fail: %d", err);
         return kRetResource;
     }
     row.thread_id = tid;
     log_dbg("pthread_create. thread_id:%lu\n", static_cast<unsigned long>(tid));
-    err = pthread_create(&tid, nullptr, row.transfer_proc, nullptr);
+    err = pub_util_create_thread(&tid, row.transfer_proc, nullptr, false);
     if (err != 0) {
         log_dbg("pthread_create() transfer_thread fail: %d", err);
         return kRetResource;
@@ -164,20 +170,31 @@ int open_all_device() {
         bool skip = config_file_st.m_usb_activate == 0 && strcmp(row.name, "/dev/ttyGS3") == 0;
         if (!skip) {
             int result = 0;
+            int opened = -1;
             {
                 std::unique_lock<std::mutex> hold(g_channel_lifecycle_lock, std::defer_lock);
                 switch (row.type) {
-                    case kChannelTypeDevice: result = open_device(row, index); break;
-                    case kChannelTypeTcpServer: result = open_socket(row, index, true); break;
-                    case kChannelTypeTcpClient: result = open_socket(row, index, false); break;
+                    case kChannelTypeDevice: result = open_device(row, index, &opened); break;
+                    case kChannelTypeTcpServer: result = open_socket(row, index, true, &opened); break;
+                    case kChannelTypeTcpClient: result = open_socket(row, index, false, &opened); break;
                     default:
                         log_dbg("device type is not valid:%d.", static_cast<int>(row.type));
                         result = kRetBadSize;
                         break;
                 }
+                // The descriptor joins the row only under the lock, where the
+                // teardown cannot be half done: one opened while the service
+                // was ending is closed here, since the teardown has passed.
                 hold.lock();
-                if (result == 0 && teardown_started()) result = kRetResource;
-                if (result == 0) result = open_ovta_amt(row, index);
+                if (result == 0 && teardown_started()) {
+                    log_dbg("close descriptor %d of %s, opened while the service was ending", opened, row.name);
+                    close(opened);
+                    result = kRetResource;
+                }
+                if (result == 0) {
+                    row.fd = opened;
+                    result = open_ovta_amt(row, index);
+                }
                 if (result != 0) {
                     if (row.closed_flag.exchange(1) != 1) close_ovta_amt(index);
                     log_dbg("open_ovta_amt failure\n");

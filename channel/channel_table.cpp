@@ -41,6 +41,9 @@ int channel_retire_fd(int fd) {
 }
 
 int ovta_amt_init() {
+    // A stop can come while the start runs: the reset and the teardown take
+    // the rows one after the other, never both at once.
+    std::lock_guard<std::mutex> hold(g_channel_lifecycle_lock);
     set_wf_id(0xFFFFFFFFu);
     channel_dead_fd();
     for (size_t i = 0; i < kChannelRows && listAmtSrv[i].receive_proc != nullptr; ++i) {
@@ -64,6 +67,10 @@ int ovta_amt_init() {
         row.not_enough_count = 0;
         row.m_socket_conn_status = kConnNotYet;
         if (!row.rcv_sem.create(0)) log_dbg("rcv_sem of row %d: eventfd error:%d-%s", static_cast<int>(i), errno, strerror(errno));
+        // Without room_sem a receive thread held back by a full ring looks
+        // again every 10 ms instead of waking when room is made.
+        row.room_wanted = 0;
+        if (!row.room_sem.create(0)) log_dbg("room_sem of row %d: eventfd error:%d-%s", static_cast<int>(i), errno, strerror(errno));
     }
     g_LogPrintTimer = kNoTimer;
     return 0;

@@ -3,6 +3,8 @@
 // dead. It owns the ring's write side, down_total and not_enough_count.
 // A stop request ends its wait for bytes at once (see pub_util.hpp); the
 // thread then returns without the end steps, since its closer does them.
+// Held back by a ring without room for a read, it sleeps until the transfer
+// thread has made room (ring_room.cpp), at most 10 ms per pass.
 #include <cerrno>
 #include <cstring>
 #include <netinet/in.h>
@@ -64,8 +66,7 @@ int receive_msg_data(uint32_t index) {
     }
     if (isRingBufFull(&row.ring_buf) == 1) {
         log_dbg("buff FULL ");
-        pub_util_msleep(kIdleMs);
-        return 0;
+        return channel_wait_for_room(row, kIdleMs) ? 0 : kStopped;
     }
     if (isRingBufEmpty(&row.ring_buf) != 1) {
         int32_t free_len = getRingBufFreeLen(&row.ring_buf);
@@ -75,8 +76,7 @@ int receive_msg_data(uint32_t index) {
                 log_dbg("receive_msg_data not enough nTmp:%d. index:%d. count:%u.", free_len, static_cast<int>(index),
                         row.not_enough_count);
             }
-            pub_util_msleep(kIdleMs);
-            return 0;
+            return channel_wait_for_room(row, kIdleMs) ? 0 : kStopped;
         }
     }
 
@@ -129,7 +129,6 @@ void* receive_wfmgr_srv_data_proc(void*) {
         log_dbg("fd(%d) is not valid", row.fd.load());
         return nullptr;
     }
-    ThreadStopScope stop_scope;
     log_dbg("start receive_wfmgr_srv_data_proc");
     while (row.run_flag) {
         if (row.catch_log) {
@@ -198,7 +197,6 @@ void* receive_chansrv_data_proc(void*) {
         log_dbg("fd(%d) is not valid", row.fd.load());
         return nullptr;
     }
-    ThreadStopScope stop_scope;
     log_dbg("start receive_chansrv_data_proc");
     while (row.run_flag) {
         if (!row.catch_log) {

@@ -1,29 +1,13 @@
 // write_msg_to_socket: the one road on which a whole message leaves the
-// service. Called from both transfer threads, also for one and the same row.
+// service. Called from both transfer threads, also for one and the same row;
+// the row's send lock (send_lock.hpp) keeps their messages apart.
 #include <cerrno>
 #include <cstring>
-#include <mutex>
 
 #include "channel/channel_internal.hpp"
+#include "channel/send_lock.hpp"
 #include "process/bytes.hpp"
 #include "protocol/pc_frame.hpp"
-
-namespace {
-
-// Two threads may send on one row at once; one lock per row keeps their
-// messages whole on the wire instead of interleaving their pieces. A sender
-// may hold it for long while the peer does not drain its side, so the wait for
-// it watches the waiting thread's stop request.
-std::mutex g_send_lock[2];
-
-bool lock_for_sending(std::mutex& lock) {
-    while (!lock.try_lock()) {
-        if (!pub_util_msleep(1)) return false;
-    }
-    return true;
-}
-
-}  // namespace
 
 int write_msg_to_socket(const uint8_t* buf, int32_t len, uint32_t index) {
     if (index > 1) {
@@ -50,8 +34,8 @@ int write_msg_to_socket(const uint8_t* buf, int32_t len, uint32_t index) {
         log_dbg("write_msg_to_socket index(%d) not connect.", static_cast<int>(index));
         return 0;
     }
-    if (!lock_for_sending(g_send_lock[index])) return -1;
-    std::lock_guard<std::mutex> hold(g_send_lock[index], std::adopt_lock);
+    SendLockHold hold(channel_send_lock(index));
+    if (!hold.held()) return -1;  // asked to stop while another sender had the row
     if (write_to_device(channel_io_fd(row), buf, static_cast<uint32_t>(len)) != 0) {
         log_dbg("write failure error:%d-%s", errno, strerror(errno));
         return -1;

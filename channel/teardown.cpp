@@ -11,6 +11,7 @@
 
 #include "channel/channel_internal.hpp"
 #include "usb/usb_entry.hpp"
+#include "usb/verdict.hpp"
 
 namespace {
 
@@ -80,7 +81,14 @@ int amt_handle_deinit() {
         // A row that another thread is still closing keeps its semaphore until
         // that close has joined the threads that wait on it.
         for (int waited = 0; !row.close_done && waited < kCloseWaitMs; ++waited) usleep(1000);
+        if (!row.close_done) {
+            // Its threads may still wait on them: the process ends with them.
+            log_err("close of row %d not finished in %d ms: its semaphores are left open", static_cast<int>(i),
+                    kCloseWaitMs);
+            continue;
+        }
         row.rcv_sem.destroy();
+        row.room_sem.destroy();
     }
     if (g_monitorUsbThread.load() != pthread_t{}) {
         pub_util_kill_thread(&g_monitorUsbThread);
