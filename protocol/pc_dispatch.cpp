@@ -8,6 +8,11 @@
 #include "process/bytes.hpp"
 #include "protocol/verbose_scope.hpp"
 #include "protocol/wf_msg.hpp"
+#include "services/card_capacity.hpp"
+#include "services/enter_amt.hpp"
+#include "services/identity.hpp"
+#include "services/table_flash.hpp"
+#include "services/test_result.hpp"
 #include "services/wf_id.hpp"
 
 AmtPayloadStore amt_info_trans_req_store{};
@@ -17,20 +22,19 @@ namespace {
 
 constexpr size_t kInfoTransReqBufSize = 4196;
 
-// The agent's own commands. Entries without a handler are forwarded to wfmgr
-// like any other number until their service answers them here.
+// The agent's own commands; every other number up to 65535 goes to wfmgr.
 const PcCommand kPcCommands[] = {
-    {17, "treat_ovta_enter_amt_cmd", nullptr},
-    {45, "treat_version_cmd", nullptr},
-    {61, "treat_read_table_flash_cmd", nullptr},
-    {63, "treat_write_table_flash_cmd", nullptr},
-    {65, "treat_read_outdate_cmd", nullptr},
-    {67, "treat_write_outdate_cmd", nullptr},
-    {85, "treat_read_board_cmd", nullptr},
-    {87, "treat_write_board_cmd", nullptr},
-    {89, "treat_read_test_result_cmd", nullptr},
-    {91, "treat_write_test_result_cmd", nullptr},
-    {137, "treat_readcapability_card_cmd", nullptr},
+    {17, "treat_ovta_enter_amt_cmd", treat_ovta_enter_amt_cmd},
+    {45, "treat_version_cmd", treat_version_cmd},
+    {61, "treat_read_table_flash_cmd", treat_read_table_flash_cmd},
+    {63, "treat_write_table_flash_cmd", treat_write_table_flash_cmd},
+    {65, "treat_read_outdate_cmd", treat_read_outdate_cmd},
+    {67, "treat_write_outdate_cmd", treat_write_outdate_cmd},
+    {85, "treat_read_board_cmd", treat_read_board_cmd},
+    {87, "treat_write_board_cmd", treat_write_board_cmd},
+    {89, "treat_read_test_result_cmd", treat_read_test_result_cmd},
+    {91, "treat_write_test_result_cmd", treat_write_test_result_cmd},
+    {137, "treat_readcapability_card_cmd", treat_readcapability_card_cmd},
 };
 
 // Copies cmd, body and frame_crc of the frame into the store. False when the
@@ -58,7 +62,7 @@ bool get_amt_req_valid_data(const AmtChannel& row) {
 
 const PcCommand* find_pc_command(uint32_t cmd) {
     for (const PcCommand& c : kPcCommands) {
-        if (c.cmd == cmd && c.handler != nullptr) return &c;
+        if (c.cmd == cmd) return &c;
     }
     return nullptr;
 }

@@ -12,8 +12,7 @@
 extern AmtPayloadStore amt_info_trans_req_store;
 extern AmtPayloadStore amt_info_trans_cnf_store;
 
-// A command the agent answers itself; handler null means "forward it" until
-// the command's service is in place.
+// A command the agent answers itself.
 struct PcCommand {
     uint32_t cmd;
     const char* name;

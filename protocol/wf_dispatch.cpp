@@ -13,6 +13,8 @@
 #include "protocol/pc_dispatch.hpp"
 #include "protocol/verbose_scope.hpp"
 #include "protocol/wf_msg.hpp"
+#include "services/enter_amt.hpp"
+#include "services/rf_file_service.hpp"
 #include "services/rftab_list.hpp"
 
 namespace {
@@ -65,31 +67,29 @@ int treat_wfmgr_amt_info_trans_cnf_msg(AmtChannel* row) {
     uint32_t wf_id = bytes::get_le32(msg, kWfOffWfId);
     log_dbg("treat_wfmgr_amt_info_trans_cnf_msg ,body_len:%d,wf_id:%d.", static_cast<int>(body_len),
             static_cast<int>(wf_id));
-    AmtPayloadStore& store = amt_info_trans_cnf_store;
     if (body_len == 0) {
         log_dbg("info transfer confirm with an empty body: nothing to pass on.");
         return kRetInvalidParam;
     }
-    if (body_len > sizeof(store.data) || body_len > msg.size() - kWfHeaderLen) {
-        log_dbg("info transfer confirm body_len:%u does not fit (store %u, message body %u): dropped.", body_len,
-                static_cast<unsigned>(sizeof(store.data)), static_cast<unsigned>(msg.size() - kWfHeaderLen));
+    if (body_len > msg.size() - kWfHeaderLen) {
+        log_dbg("info transfer confirm body_len:%u beyond the message body of %u bytes: dropped.", body_len,
+                static_cast<unsigned>(msg.size() - kWfHeaderLen));
         return kRetBadSize;
     }
-    store.len = body_len;
-    memcpy(store.data, msg.data() + kWfOffBody, body_len);
-
     // The sub-command word is the body's fourth word; a shorter body has none
-    // and is an answer for the PC.
+    // and is an answer for the PC. A file request carries its own lengths and
+    // never passes through the store, whatever its size.
     uint32_t sub = body_len >= kInfoCnfOffSubCmd + 4 - kWfHeaderLen ? bytes::get_le32(msg, kInfoCnfOffSubCmd) : 0;
-    if (sub == kFileReadSubCmd || sub == kFileModifySubCmd) {
-        log_dbg("info transfer confirm file request %u: file service not available, dropped.", sub);
-        return kRetGeneral;
-    }
+    if (sub == kFileReadSubCmd) return treat_wfmgr_amt_file_read_req_msg(row);
+    if (sub == kFileModifySubCmd) return treat_wfmgr_amt_file_modify_req_msg(row);
+    AmtPayloadStore& store = amt_info_trans_cnf_store;
     if (body_len > kAmtStorePayloadMaxForPc) {
         log_dbg("info transfer confirm body_len:%u above %u for the PC: dropped.", body_len,
                 static_cast<unsigned>(kAmtStorePayloadMaxForPc));
         return kRetBadSize;
     }
+    store.len = body_len;
+    memcpy(store.data, msg.data() + kWfOffBody, body_len);
     if (add_amt_head(&store) != 0) return kRetInvalidParam;
     send_amt_info_to_pc();
     return 0;
@@ -155,11 +155,12 @@ int dispatch_msg(AmtChannel* row) {
         log_dbg("type_id:%d, m_msg_cmd:%lu.", row->type_id, static_cast<unsigned long>(row->m_msg_cmd));
     }
     switch (row->m_msg_cmd) {
+        case kWfLoadCnf: treat_wfmgr_amt_load_cnf_msg(row); break;
         case kWfInfoTransCnf: treat_wfmgr_amt_info_trans_cnf_msg(row); break;
+        case kWfModifyReq: treat_wfmgr_amt_modify_req_msg(row); break;
+        case kWfInfoReadReq: treat_wfmgr_amt_info_read_req_msg(row); break;
         case kWfRelateInfoInd: treat_wfmgr_amt_relate_info_ind_msg(row); break;
         case kWfResInfoInd: treat_wfmgr_amt_res_info_ind_msg(row); break;
-        // The load confirm and the file requests are answered by their
-        // services once those are in place; until then they are logged.
         default: treat_default_msg(row); break;
     }
     return 0;

@@ -14,17 +14,41 @@ namespace {
 
 std::vector<uint8_t> head_of(const uint8_t* p, size_t n) { return std::vector<uint8_t>(p, p + n); }
 
-TEST(AmtCrc32, MatchesTheReferenceValues) {
-    const uint8_t abc[] = {'a', 'b', 'c'};
-    EXPECT_EQ(amt_crc32(abc, 3) & 0xFFFFFFFFu, 0xB37F2436u);
-    EXPECT_EQ(amt_crc32(amt_pre_response, 12) & 0xFFFFFFFFu, 0x1DEE4A76u);
-    EXPECT_EQ(amt_crc32(abc, 0) & 0xFFFFFFFFu, 0u);
+// The CRC byte by byte as the system defines it: the reflected CRC-32 table,
+// a 64-bit accumulator shifted left, the index from bits 24-31, the input and
+// then four zero bytes. The fast form must give the very same 64 bits.
+uint64_t crc_byte_by_byte(const uint8_t* data, size_t n) {
+    uint32_t table[256];
+    for (uint32_t i = 0; i < 256; ++i) {
+        uint32_t c = i;
+        for (int bit = 0; bit < 8; ++bit) c = (c & 1u) != 0 ? (c >> 1) ^ 0xEDB88320u : c >> 1;
+        table[i] = c;
+    }
+    uint64_t acc = 0;
+    for (size_t i = 0; i < n + 4; ++i) acc = table[(acc >> 24) & 0xFFu] ^ ((acc << 8) | (i < n ? data[i] : 0));
+    return acc;
 }
 
-TEST(PreResponse, IsTheConstantSixteenBytes) {
-    const uint8_t expected[16] = {0xAA, 0xBB, 0xCC, 0xDD, 0x08, 0x00, 0x00, 0x00,
-                                  0x02, 0x02, 0x00, 0x00, 0x76, 0x4A, 0xEE, 0x1D};
-    EXPECT_EQ(head_of(amt_pre_response, 16), head_of(expected, 16));
+TEST(AmtCrc32, EveryLengthAndEveryCutOfTheInputGivesTheByteByByteValue) {
+    std::vector<uint8_t> data(40952);
+    uint32_t x = 12345;
+    for (uint8_t& b : data) {
+        x = x * 1103515245u + 12345u;
+        b = static_cast<uint8_t>(x >> 16);
+    }
+    for (size_t n = 0; n <= 40; ++n) {
+        for (size_t off = 0; off < 8; ++off) {
+            EXPECT_EQ(amt_crc32(data.data() + off, static_cast<int32_t>(n)), crc_byte_by_byte(data.data() + off, n))
+                << "length " << n << " at offset " << off;
+        }
+    }
+    for (size_t n : {1000u, 4095u, 32768u, 40952u}) {
+        EXPECT_EQ(amt_crc32(data.data(), static_cast<int32_t>(n)), crc_byte_by_byte(data.data(), n)) << n;
+    }
+    std::vector<uint8_t> ones(64, 0xFF);
+    EXPECT_EQ(amt_crc32(ones.data(), 64), crc_byte_by_byte(ones.data(), 64));
+    const uint8_t abc[] = {'a', 'b', 'c'};
+    EXPECT_EQ(amt_crc32(abc, 3) & 0xFFFFFFFFu, 0xB37F2436u);
 }
 
 TEST(ResponseBuilding, ResultOnlyResponseIsTheWorkedFrame) {
@@ -51,42 +75,33 @@ TEST(ResponseBuilding, HeaderNeedsSixteenBytesOfBuffer) {
     EXPECT_EQ(add_amt_crc(nullptr, 20), kRetInvalidParam);
 }
 
-TEST(PayloadWrapping, FourBytePayloadBecomesATwentyByteFrame) {
-    auto store = std::make_unique<AmtPayloadStore>();
-    store->len = 4;
-    const uint8_t payload[4] = {0x2E, 0x00, 0x00, 0x00};  // cmd 46
-    memcpy(store->data, payload, 4);
-    ASSERT_EQ(add_amt_head(store.get()), 0);
-    EXPECT_EQ(store->len, 20u);
-    const uint8_t expected[20] = {0xAA, 0xBB, 0xCC, 0xDD, 0x0C, 0x00, 0x00, 0x00, 0x02, 0x00,
-                                  0x00, 0x00, 0x2E, 0x00, 0x00, 0x00, 0xF4, 0x52, 0xBC, 0x91};
-    EXPECT_EQ(head_of(store->data, 20), head_of(expected, 20));
-}
-
-TEST(PayloadWrapping, WrappedResultOnlyPayloadMatchesTheWorkedFrame) {
-    // cmd 18 and result word 0 from wfmgr give the same 24 bytes as the local
-    // builder, CRC included.
-    const uint8_t expected[24] = {0xAA, 0xBB, 0xCC, 0xDD, 0x10, 0x00, 0x00, 0x00, 0x02, 0x00, 0x00, 0x00,
-                                  0x12, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0xDA, 0xBD, 0x91, 0xC9};
-    auto store = std::make_unique<AmtPayloadStore>();
-    store->len = 8;
-    memset(store->data, 0, sizeof(store->data));
-    store->data[0] = 0x12;
-    ASSERT_EQ(add_amt_head(store.get()), 0);
-    EXPECT_EQ(store->len, 24u);
-    EXPECT_EQ(head_of(store->data, 24), head_of(expected, 24));
-}
-
-TEST(PayloadWrapping, EmptyLenTakesTheLengthFromTheDataItself) {
-    auto store = std::make_unique<AmtPayloadStore>();
-    store->len = 0;
-    const uint8_t payload[6] = {0x06, 0x00, 0x11, 0x22, 0x33, 0x44};
-    memcpy(store->data, payload, sizeof(payload));
-    ASSERT_EQ(add_amt_head(store.get()), 0);
-    EXPECT_EQ(store->len, 22u);
-    const uint8_t expected[22] = {0xAA, 0xBB, 0xCC, 0xDD, 0x0E, 0x00, 0x00, 0x00, 0x02, 0x00, 0x00,
-                                  0x00, 0x06, 0x00, 0x11, 0x22, 0x33, 0x44, 0xDB, 0x92, 0x33, 0xC8};
-    EXPECT_EQ(head_of(store->data, 22), head_of(expected, 22));
+// A payload from wfmgr gets the head and the CRC; a len of 0 takes the length
+// from the payload's own first two bytes.
+TEST(PayloadWrapping, PayloadsBecomeTheWorkedFramesAndAnEmptyOneIsRefused) {
+    struct Case {
+        uint32_t len;
+        std::vector<uint8_t> payload;
+        std::vector<uint8_t> frame;
+    };
+    const Case cases[] = {
+        {4, {0x2E, 0x00, 0x00, 0x00},  // cmd 46
+         {0xAA, 0xBB, 0xCC, 0xDD, 0x0C, 0x00, 0x00, 0x00, 0x02, 0x00, 0x00, 0x00, 0x2E, 0x00, 0x00, 0x00, 0xF4, 0x52,
+          0xBC, 0x91}},
+        // cmd 18 and result word 0: the same 24 bytes as the local builder.
+        {8, {0x12, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00},
+         {0xAA, 0xBB, 0xCC, 0xDD, 0x10, 0x00, 0x00, 0x00, 0x02, 0x00, 0x00, 0x00,
+          0x12, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0xDA, 0xBD, 0x91, 0xC9}},
+        {0, {0x06, 0x00, 0x11, 0x22, 0x33, 0x44},
+         {0xAA, 0xBB, 0xCC, 0xDD, 0x0E, 0x00, 0x00, 0x00, 0x02, 0x00, 0x00,
+          0x00, 0x06, 0x00, 0x11, 0x22, 0x33, 0x44, 0xDB, 0x92, 0x33, 0xC8}},
+    };
+    for (const Case& c : cases) {
+        auto store = std::make_unique<AmtPayloadStore>();
+        store->len = c.len;
+        memcpy(store->data, c.payload.data(), c.payload.size());
+        ASSERT_EQ(add_amt_head(store.get()), 0);
+        EXPECT_EQ(head_of(store->data, store->len), c.frame);
+    }
 
     LogCapture log;
     auto empty = std::make_unique<AmtPayloadStore>();
