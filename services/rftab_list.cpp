@@ -26,6 +26,11 @@ uint32_t rftab_list_replace(const uint8_t* rows, uint32_t len) {
     return g_wfmgr_rftab_info_count;
 }
 
+uint32_t rftab_list_count() {
+    std::lock_guard<std::mutex> hold(g_rftab_lock);
+    return g_wfmgr_rftab_info_count;
+}
+
 bool rftab_list_find(uint32_t table_type, char (&name)[kRftabNameSize]) {
     std::lock_guard<std::mutex> hold(g_rftab_lock);
     std::span<const uint8_t> list(wfmgr_rftab_info_t_list);

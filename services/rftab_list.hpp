@@ -24,6 +24,9 @@ void rftab_list_clear();
 // already refused a len above the list's 2160 bytes. Returns the new count.
 uint32_t rftab_list_replace(const uint8_t* rows, uint32_t len);
 
+// The number of valid rows (for log lines: a refill may change it at once).
+uint32_t rftab_list_count();
+
 // Finds the first valid row whose 16-bit table_type equals table_type and
 // copies its name (at most 63 characters, terminated) into name. False when
 // no row matches; name is then untouched.

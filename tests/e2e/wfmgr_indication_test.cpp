@@ -81,5 +81,16 @@ TEST_F(WfmgrIndications, RfTableListTakesWholeRowsAndAtMostThirty) {
     EXPECT_TRUE(daemon_->wait_for_log("res info indication len:144 but the message holds 72 bytes", kWait));
 }
 
+// A message the agent has no use for is only logged: the next indication is
+// still read from its own start.
+TEST_F(WfmgrIndications, UnknownMessageIsPassedOverAndTheNextOneIsTaken) {
+    Bytes unknown = header(28, 0x40063);
+    unknown.resize(28, 0x5A);
+    ASSERT_TRUE(wfmgr_->send(unknown));
+    ASSERT_TRUE(wfmgr_->send(relate_info("/amt/next/", "/amt/next/rf/")));
+    EXPECT_TRUE(daemon_->wait_for_log("treat_default_msg type_id:0, cmd_id:0x40063, wf_id:7.", kWait));
+    EXPECT_TRUE(daemon_->wait_for_log("config_file_st.m_amt_relate_path:/amt/next/, .", kWait));
+}
+
 }  // namespace
 }  // namespace e2e

@@ -1,0 +1,119 @@
+// The identity files and the store's write as the agent reads and writes them
+// in a directory of their own (amt_relate_path points there).
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <gtest/gtest.h>
+#include <sstream>
+#include <string>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "process/config.hpp"
+#include "services/amt_text_file.hpp"
+#include "services/test_result_store.hpp"
+
+namespace {
+
+class AmtDirTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        char tmpl[] = "/tmp/ovta-amt-files-XXXXXX";
+        ASSERT_NE(mkdtemp(tmpl), nullptr);
+        dir_ = tmpl;
+        cfg_set_amt_relate_path((dir_ + "/").c_str());
+    }
+    void TearDown() override {
+        cfg_set_amt_relate_path("");
+        std::string cmd = "rm -rf '" + dir_ + "'";
+        EXPECT_EQ(system(cmd.c_str()), 0);
+    }
+    std::string path(const std::string& name) const { return dir_ + "/" + name; }
+    void put(const std::string& name, const std::string& content) const {
+        std::ofstream(path(name), std::ios::binary) << content;
+    }
+    std::string get(const std::string& name) const {
+        std::ifstream in(path(name), std::ios::binary);
+        std::stringstream s;
+        s << in.rdbuf();
+        return s.str();
+    }
+    bool exists(const std::string& name) const { return access(path(name).c_str(), F_OK) == 0; }
+
+    // The first line as read_amt_text_file gives it; "<-118>" when it fails.
+    std::string read_text(const std::string& content) {
+        put("board_no.txt", content);
+        char out[kAmtTextSize];
+        if (read_amt_text_file(out, "board_no.txt") != 0) return "<-118>";
+        return out;
+    }
+
+    std::string dir_;
+};
+
+using AmtTextFile = AmtDirTest;
+
+TEST_F(AmtTextFile, ReadTakesTheFirstLineAndDropsOneLineEndByte) {
+    EXPECT_EQ(read_text("BN123\nsecond\n"), "BN123");
+    EXPECT_EQ(read_text("BN123\r\n"), "BN123\r");  // of CR LF the CR stays
+    EXPECT_EQ(read_text("BN123"), "BN123");
+    EXPECT_EQ(read_text("\n"), "");
+    EXPECT_EQ(read_text(std::string(150, 'a')), std::string(98, 'a'));
+    EXPECT_EQ(read_text(""), "<-118>");
+    char out[kAmtTextSize];
+    EXPECT_EQ(read_amt_text_file(out, "no_such.txt"), -118);
+}
+
+TEST_F(AmtTextFile, WriteStoresExactlyTheTextAndAShorterOneLeavesNothingOfTheLonger) {
+    EXPECT_EQ(write_amt_text_file("LONG-BOARD-NUMBER", 100, "board_no.txt"), 0);
+    EXPECT_EQ(get("board_no.txt"), "LONG-BOARD-NUMBER");
+    EXPECT_EQ(write_amt_text_file("AB\0CD", 100, "board_no.txt"), 0);  // up to the zero byte
+    EXPECT_EQ(get("board_no.txt"), "AB");
+    EXPECT_EQ(write_amt_text_file("ABCDEF", 4, "board_no.txt"), 0);  // no zero within reach
+    EXPECT_EQ(get("board_no.txt"), "ABCD");
+    EXPECT_FALSE(exists("board_no.txt.tmp"));
+}
+
+// A request frame of command 91 (header left zero), zero behind its CRC.
+std::string write_request(uint32_t site, uint32_t result, const std::string& description) {
+    std::string m(24, '\0');
+    for (int i = 0; i < 4; ++i) {
+        m[16 + i] = static_cast<char>(site >> (8 * i));
+        m[20 + i] = static_cast<char>(result >> (8 * i));
+    }
+    return m + description + std::string(4, '\0');
+}
+
+using TestResultWrite = AmtDirTest;
+
+TEST_F(TestResultWrite, MissingStoreIsNotCreatedByAWriteAndItsTemporaryFileGoes) {
+    std::string m = write_request(3, 1, "x");
+    EXPECT_EQ(modify_test_result_value(reinterpret_cast<const uint8_t*>(m.data()), m.size()), -118);
+    EXPECT_FALSE(exists("test_result.txt"));
+    EXPECT_FALSE(exists("test_result_temp001.txt"));
+}
+
+TEST_F(TestResultWrite, UnreadableStoreStaysAsItWasAndReadsAsNoStore) {
+    ASSERT_EQ(mkdir(path("test_result.txt").c_str(), 0755), 0);  // opens, but every read fails
+    std::string m = write_request(3, 1, "x");
+    EXPECT_EQ(modify_test_result_value(reinterpret_cast<const uint8_t*>(m.data()), m.size()), -118);
+    struct stat st {};
+    ASSERT_EQ(stat(path("test_result.txt").c_str(), &st), 0);
+    EXPECT_TRUE(S_ISDIR(st.st_mode));
+    EXPECT_FALSE(exists("test_result_temp001.txt"));
+
+    TestResultInfo info;
+    get_test_result_info(3, &info);
+    EXPECT_EQ(info.result_code, kResultStoreFailed);
+}
+
+TEST_F(TestResultWrite, LeftoverTemporaryFileOfACutWriteIsReplaced) {
+    put("test_result.txt", "0,0,\r\n3,0,\r\n");
+    put("test_result_temp001.txt", std::string(5000, 'G'));
+    std::string m = write_request(3, 4, "ok");
+    EXPECT_EQ(modify_test_result_value(reinterpret_cast<const uint8_t*>(m.data()), m.size()), 0);
+    EXPECT_EQ(get("test_result.txt"), "0,0,\r\n3,4,ok\r\n");
+    EXPECT_FALSE(exists("test_result_temp001.txt"));
+}
+
+}  // namespace
