@@ -10,25 +10,6 @@ namespace {
 
 using sandbox::Bytes;
 
-Bytes hex(const std::string& text) {
-    Bytes out;
-    for (size_t i = 0; i + 1 < text.size();) {
-        if (text[i] == ' ') {
-            ++i;
-            continue;
-        }
-        out.push_back(static_cast<uint8_t>(std::stoul(text.substr(i, 2), nullptr, 16)));
-        i += 2;
-    }
-    return out;
-}
-
-Bytes concat(std::initializer_list<Bytes> parts) {
-    Bytes out;
-    for (const Bytes& p : parts) out.insert(out.end(), p.begin(), p.end());
-    return out;
-}
-
 const Bytes kPreResponse = hex("AA BB CC DD 08 00 00 00 02 02 00 00 76 4A EE 1D");
 // Command 100 with body 01 02 03 04 and its CRC.
 const Bytes kFrame100 = hex("AA BB CC DD 10 00 00 00 02 00 00 00 64 00 00 00 01 02 03 04 EB BD B0 AD");
@@ -46,9 +27,8 @@ protected:
     void SetUp() override {
         PhoneTest::SetUp();
         if (IsSkipped()) return;
-        daemon_ = launch_running({"-m", "1"});
+        daemon_ = launch_with_pc();
         ASSERT_NE(daemon_, nullptr);
-        pc_ = std::make_unique<sandbox::PcLine>(phone_->pc_master());
     }
 
     void pc_sends(const Bytes& b) { ASSERT_TRUE(pc_->send(b)); }
@@ -64,7 +44,6 @@ protected:
     }
 
     sandbox::Daemon* daemon_ = nullptr;
-    std::unique_ptr<sandbox::PcLine> pc_;
 };
 
 TEST_F(Bridge, ForwardedCommandGoesToWfmgrAsItsExactRequestAfterThePreResponse) {
@@ -96,6 +75,29 @@ TEST_F(Bridge, FrameCutAtEveryByteWithGarbageAheadIsAssembledOnce) {
     expect_wfmgr_gets(kRequest100);
     EXPECT_TRUE(pc_->quiet_for(std::chrono::milliseconds(300)));
     EXPECT_EQ(daemon_->count_log("first char not match:11"), 1u);
+}
+
+// Each pause is far longer than the agent's look at the ring while a message
+// is under way, and nothing may go out before the last piece is in.
+TEST_F(Bridge, PiecesOfAFrameThatComeLongAfterEachOtherMakeOneFrame) {
+    const Bytes pieces[] = {hex("AA BB"), hex("CC DD 10 00 00 00 02 00"), hex("00 00 64 00 00 00 01 02"),
+                            hex("03 04 EB BD B0 AD")};
+    for (const Bytes& piece : pieces) {
+        EXPECT_TRUE(pc_->quiet_for(std::chrono::milliseconds(150)));
+        pc_sends(piece);
+    }
+    expect_pc_gets(kPreResponse);
+    expect_wfmgr_gets(kRequest100);
+}
+
+TEST_F(Bridge, AWfmgrMessageWhoseRestComesLongAfterItsStartReachesThePc) {
+    const Bytes pieces[] = {hex("1C 00 00 00 07 00 00 00"), hex("FF FF FF FF 04 00 04 00 08 00 00 00 12"),
+                            hex("00 00 00 00 00 00 00")};
+    for (const Bytes& piece : pieces) {
+        EXPECT_TRUE(pc_->quiet_for(std::chrono::milliseconds(150)));
+        ASSERT_TRUE(wfmgr_->send(piece));
+    }
+    expect_pc_gets(kFrame18);
 }
 
 TEST_F(Bridge, TwoFramesInOneWriteAreBothAnswered) {

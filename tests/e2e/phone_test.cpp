@@ -83,4 +83,28 @@ sandbox::Daemon* PhoneTest::launch_running(const std::vector<std::string>& args)
     return ::testing::Test::HasFailure() ? nullptr : d;
 }
 
+sandbox::Daemon* PhoneTest::launch_with_pc(const std::vector<std::string>& extra_args) {
+    std::vector<std::string> args = {"-m", "1"};
+    args.insert(args.end(), extra_args.begin(), extra_args.end());
+    sandbox::Daemon* d = launch_running(args);
+    if (!d) return nullptr;
+    pc_ = std::make_unique<sandbox::PcLine>(phone_->pc_master());
+    return complete_handshake(d) ? d : nullptr;
+}
+
+bool PhoneTest::complete_handshake(sandbox::Daemon* d) {
+    if (!pc_) pc_ = std::make_unique<sandbox::PcLine>(phone_->pc_master());
+    auto offer = pc_->read_exact(kHandshakeOffer.size(), kWait);
+    EXPECT_EQ(offer, kHandshakeOffer) << "no handshake offer on the PC line";
+    if (!offer) return false;
+    EXPECT_TRUE(pc_->send(sandbox::Bytes{0x00}));
+    EXPECT_TRUE(d->wait_for_log("): handshake success.", kWait));
+    // No offer goes out once the success is logged; one sent just before it
+    // may still be on the line.
+    while (!::testing::Test::HasFailure() && !pc_->quiet_for(0ms)) {
+        EXPECT_EQ(pc_->read_exact(kHandshakeOffer.size(), kWait), kHandshakeOffer);
+    }
+    return !::testing::Test::HasFailure();
+}
+
 }  // namespace e2e

@@ -10,13 +10,30 @@
 #include <vector>
 
 #include "sandbox.hpp"
+#include "tools/lib/hex_text.hpp"
 
 namespace e2e {
 
 using namespace std::chrono_literals;
 
+// Literal bytes written as hex text, "AA BB 01"; bad text fails the test.
+inline sandbox::Bytes hex(const std::string& text) {
+    auto b = tools::parse_hex(text);
+    EXPECT_TRUE(b.has_value()) << "bad hex in the test: " << text;
+    return b.value_or(sandbox::Bytes{});
+}
+
+inline sandbox::Bytes concat(std::initializer_list<sandbox::Bytes> parts) {
+    sandbox::Bytes out;
+    for (const sandbox::Bytes& p : parts) out.insert(out.end(), p.begin(), p.end());
+    return out;
+}
+
 // Generous bound for anything the daemon does in response to the test.
 constexpr auto kWait = 10s;
+
+// What the agent offers the PC once a second in USB mode until it answers.
+inline const sandbox::Bytes kHandshakeOffer = {0xAA, 0xBB, 0xCC, 0xDD, 0x7F};
 
 bool network_ready();
 const std::string& network_problem();
@@ -39,9 +56,19 @@ protected:
     // Listens as wfmgr, launches, accepts the daemon's connection and waits
     // for "handle_start success"; null after a failed expectation.
     sandbox::Daemon* launch_running(const std::vector<std::string>& args = {});
+    // The same in USB mode (-m 1, then `extra_args`) with the PC's end of the
+    // serial line in pc_, ready for frames: the handshake is done (see
+    // complete_handshake), so the line carries frames only.
+    sandbox::Daemon* launch_with_pc(const std::vector<std::string>& extra_args = {});
+    // Plays the PC's part of the handshake on pc_: waits for the offer
+    // AA BB CC DD 7F, answers with the one byte 00, waits for "handshake
+    // success." and takes off the line any offer sent before the success.
+    // False after a failed expectation.
+    bool complete_handshake(sandbox::Daemon* d);
 
     std::unique_ptr<sandbox::Phone> phone_;
     std::unique_ptr<sandbox::WfmgrPeer> wfmgr_;
+    std::unique_ptr<sandbox::PcLine> pc_;
     std::vector<std::unique_ptr<sandbox::Daemon>> daemons_;  // last: they go first
 };
 

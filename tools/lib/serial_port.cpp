@@ -1,5 +1,6 @@
 #include "tools/lib/serial_port.hpp"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
@@ -32,7 +33,7 @@ UniqueFd open_raw_serial(const std::string& path, std::string* error) {
     return fd;
 }
 
-bool write_all(int fd, std::span<const uint8_t> bytes) {
+bool write_all(int fd, std::span<const uint8_t> bytes, Deadline deadline) {
     size_t done = 0;
     while (done < bytes.size()) {
         ssize_t n = write(fd, bytes.data() + done, bytes.size() - done);
@@ -42,8 +43,12 @@ bool write_all(int fd, std::span<const uint8_t> bytes) {
         }
         if (n < 0 && errno == EINTR) continue;
         if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) {
+            auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
+            if (left.count() <= 0) return false;
             pollfd p{fd, POLLOUT, 0};
-            if (poll(&p, 1, 1000) < 0 && errno != EINTR) return false;
+            if (poll(&p, 1, static_cast<int>(std::min<long long>(left.count(), 1000))) < 0 && errno != EINTR) {
+                return false;
+            }
             continue;
         }
         return false;
@@ -69,5 +74,7 @@ long read_some(int fd, std::span<uint8_t> buf, Deadline deadline) {
         return -1;
     }
 }
+
+bool write_all(int fd, std::span<const uint8_t> bytes) { return write_all(fd, bytes, Deadline::max()); }
 
 }  // namespace tools

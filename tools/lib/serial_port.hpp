@@ -19,6 +19,9 @@ UniqueFd open_raw_serial(const std::string& path, std::string* error);
 
 // Writes every byte. False on an error.
 bool write_all(int fd, std::span<const uint8_t> bytes);
+// The same, but false also when the line takes no more bytes before the
+// deadline (the other end reads nothing), so that the writer cannot hang.
+bool write_all(int fd, std::span<const uint8_t> bytes, Deadline deadline);
 
 // Waits for bytes until the deadline and reads what is there, at most
 // buf.size(). Returns the count, 0 when the deadline passed, -1 on an error

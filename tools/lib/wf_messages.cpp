@@ -5,6 +5,7 @@
 #include <cstring>
 
 #include "process/bytes.hpp"
+#include "protocol/wf_dispatch.hpp"
 #include "protocol/wf_msg.hpp"
 #include "tools/lib/hex_text.hpp"
 
@@ -24,6 +25,15 @@ constexpr size_t kOffLoadReqName = 20;
 constexpr size_t kOffLoadReqMode = 84;
 
 constexpr size_t kHexShown = 64;  // body bytes shown in a log line
+
+// File requests and confirms.
+constexpr size_t kFileOffTable = 20;
+constexpr size_t kFileOffOffset = 24;
+constexpr size_t kFileOffLen = 28;
+constexpr size_t kFileOffData = 32;  // request data; the count word in a confirm
+constexpr size_t kCnfOffData = 36;
+constexpr size_t kModifyCnfLen = 36;
+constexpr size_t kFileReqBodyMin = 16;  // table_type, offset, len, and 153 or 155
 
 // A message of len bytes, zeroed, with the header for msg_id and total_len
 // and body_len set for that size.
@@ -68,6 +78,78 @@ std::string body_hex(std::span<const uint8_t> msg) {
     std::string out = to_hex(msg.subspan(kWfHeaderLen, std::min(len, kHexShown)));
     if (len > kHexShown) out += " ...";
     return out;
+}
+
+std::string data_hex(std::span<const uint8_t> data) {
+    std::string out = to_hex(data.first(std::min(data.size(), kHexShown)));
+    if (data.size() > kHexShown) out += " ...";
+    return out;
+}
+
+// A file request: the three words, then `data`, with `lead` in front of the
+// data when there is one.
+std::vector<uint8_t> file_req(uint32_t msg_id, uint32_t wf_id, uint32_t table_type, uint32_t offset, uint32_t len,
+                              std::optional<uint32_t> lead, std::span<const uint8_t> data) {
+    const size_t lead_len = lead ? 4 : 0;
+    std::vector<uint8_t> msg = new_msg(msg_id, kFileOffData + lead_len + data.size());
+    bytes::put_le32(msg, kWfOffWfId, wf_id);
+    bytes::put_le32(msg, kFileOffTable, table_type);
+    bytes::put_le32(msg, kFileOffOffset, offset);
+    bytes::put_le32(msg, kFileOffLen, len);
+    if (lead) bytes::put_le32(msg, kFileOffData, *lead);
+    std::copy(data.begin(), data.end(), msg.begin() + static_cast<std::ptrdiff_t>(kFileOffData + lead_len));
+    return msg;
+}
+
+std::string request_fields(std::span<const uint8_t> msg, bool with_table) {
+    char line[160];
+    std::string out;
+    if (with_table) {
+        snprintf(line, sizeof(line), " table_type %u", bytes::get_le32(msg, kFileOffTable));
+        out += line;
+    }
+    snprintf(line, sizeof(line), " offset %u len %u", bytes::get_le32(msg, kFileOffOffset),
+             bytes::get_le32(msg, kFileOffLen));
+    return out + line;
+}
+
+std::string confirm_fields(const FileConfirm& c) {
+    char line[160];
+    std::string out = c.msg_id == kWfInfoTransReq ? " (file read confirm, 154)" : "";
+    if (c.msg_id != kWfInfoTransReq) {
+        snprintf(line, sizeof(line), " table_type %u", c.table_type);
+        out += line;
+    }
+    snprintf(line, sizeof(line), " offset %u len %u %s %u", c.offset, c.len, c.is_read() ? "readed_len" : "writed_len",
+             c.count);
+    out += line;
+    if (c.is_read()) out += " data " + data_hex(c.data);
+    if (c.data_cut()) {
+        snprintf(line, sizeof(line), " (the message holds only %zu of them)", c.data.size());
+        out += line;
+    }
+    return out;
+}
+
+// The part of a log line that tells a file request or confirm, or else a
+// forwarded command or its answer, which share two of the ids.
+std::string file_traffic_fields(std::span<const uint8_t> msg) {
+    if (std::optional<FileConfirm> c = decode_file_confirm(msg)) return confirm_fields(*c);
+    const std::span<const uint8_t> data =
+        msg.size() > kFileOffData ? msg.subspan(kFileOffData) : std::span<const uint8_t>();
+    const uint32_t id = wf_msg_id(msg);
+    if (id == kWfInfoReadReq) return request_fields(msg, true);
+    if (id == kWfModifyReq) return request_fields(msg, true) + " data " + data_hex(data);
+    if (id == kWfInfoTransCnf && wf_body_len(msg) >= kFileReqBodyMin) {
+        const uint32_t sub = bytes::get_le32(msg, kInfoCnfOffSubCmd);
+        if (sub == kFileReadSubCmd) return " (amt.bin read, 153)" + request_fields(msg, false);
+        if (sub == kFileModifySubCmd) {
+            return " (modify through the confirm form, 155)" + request_fields(msg, true) + " data " + data_hex(data);
+        }
+    }
+    char line[32];
+    snprintf(line, sizeof(line), " cmd %u body ", bytes::get_le32(msg, kWfOffBody));
+    return line + body_hex(msg);
 }
 
 }  // namespace
@@ -116,6 +198,46 @@ std::optional<std::vector<uint8_t>> build_info_trans_cnf_echo(std::span<const ui
     return msg;
 }
 
+std::vector<uint8_t> build_info_read_req(uint32_t wf_id, uint32_t table_type, uint32_t offset, uint32_t len) {
+    return file_req(kWfInfoReadReq, wf_id, table_type, offset, len, std::nullopt, {});
+}
+
+std::vector<uint8_t> build_modify_req(uint32_t wf_id, uint32_t table_type, uint32_t offset,
+                                      std::span<const uint8_t> data) {
+    return file_req(kWfModifyReq, wf_id, table_type, offset, static_cast<uint32_t>(data.size()), std::nullopt, data);
+}
+
+std::vector<uint8_t> build_amt_read_req(uint32_t wf_id, uint32_t offset, uint32_t len) {
+    return file_req(kWfInfoTransCnf, wf_id, 0, offset, len, kFileReadSubCmd, {});
+}
+
+std::vector<uint8_t> build_confirm_modify_req(uint32_t wf_id, uint32_t table_type, uint32_t offset,
+                                              std::span<const uint8_t> data) {
+    return file_req(kWfInfoTransCnf, wf_id, table_type, offset, static_cast<uint32_t>(4 + data.size()),
+                    kFileModifySubCmd, data);
+}
+
+bool FileConfirm::is_read() const { return msg_id != kWfModifyCnf; }
+
+std::optional<FileConfirm> decode_file_confirm(std::span<const uint8_t> msg) {
+    if (msg.size() < kModifyCnfLen) return std::nullopt;
+    FileConfirm c;
+    c.msg_id = wf_msg_id(msg);
+    c.table_type = bytes::get_le32(msg, kFileOffTable);
+    const bool read = c.msg_id == kWfInfoReadCnf || (c.msg_id == kWfInfoTransReq && c.table_type == kFileReadCnfWord);
+    if (!read && c.msg_id != kWfModifyCnf) return std::nullopt;
+    c.wf_id = wf_msg_wf_id(msg);
+    c.offset = bytes::get_le32(msg, kFileOffOffset);
+    c.len = bytes::get_le32(msg, kFileOffLen);
+    c.count = bytes::get_le32(msg, kFileOffData);
+    if (read) {
+        // total_len can run up to 3 bytes past the data; the count decides.
+        const size_t there = std::min<size_t>(c.count, msg.size() - kCnfOffData);
+        c.data.assign(msg.begin() + kCnfOffData, msg.begin() + static_cast<std::ptrdiff_t>(kCnfOffData + there));
+    }
+    return c;
+}
+
 uint32_t wf_total_len(std::span<const uint8_t> msg) { return bytes::get_le32(msg, kWfOffTotalLen); }
 uint32_t wf_msg_id(std::span<const uint8_t> msg) { return bytes::get_le32(msg, kWfOffMsgId); }
 uint32_t wf_msg_wf_id(std::span<const uint8_t> msg) { return bytes::get_le32(msg, kWfOffWfId); }
@@ -140,9 +262,11 @@ std::string describe_wf_msg(std::span<const uint8_t> msg) {
             break;
         case kWfInfoTransReq:
         case kWfInfoTransCnf:
-            snprintf(line, sizeof(line), " cmd %u", bytes::get_le32(msg, kWfOffBody));
-            out += line;
-            out += " body " + body_hex(msg);
+        case kWfInfoReadReq:
+        case kWfInfoReadCnf:
+        case kWfModifyReq:
+        case kWfModifyCnf:
+            out += file_traffic_fields(msg);
             break;
         case kWfRelateInfoInd:
             snprintf(line, sizeof(line), " status %u wf_id %u", kRelateOffStatus < msg.size() ? msg[kRelateOffStatus] : 0u,

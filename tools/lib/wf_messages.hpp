@@ -45,6 +45,47 @@ std::vector<uint8_t> build_load_cnf(uint32_t wf_id, uint8_t error_cause);
 // the request's wf_id. Nothing when the request carries no cmd.
 std::optional<std::vector<uint8_t>> build_info_trans_cnf_echo(std::span<const uint8_t> request);
 
+// File requests of wfmgr to the agent and the agent's confirms. Behind the
+// header: table_type at 20, offset at 24, len at 28, data from 32.
+constexpr uint32_t kFileReadCnfWord = 154;  // first body word of the agent's answer to a 153 read
+// The most a read may ask for: the agent's confirm, 36 bytes and up to 3
+// more around the data, must stay within a message of 40960 bytes.
+constexpr uint32_t kFileReadMax = 40960 - 36 - 3;
+// The most data a modify request may carry within 40960 bytes.
+constexpr uint32_t kFileModifyMax = 40960 - 32;
+
+// 0x40007, info read: len bytes at offset of the RF table table_type.
+std::vector<uint8_t> build_info_read_req(uint32_t wf_id, uint32_t table_type, uint32_t offset, uint32_t len);
+// 0x40005, modify: data written at offset of the RF table table_type.
+std::vector<uint8_t> build_modify_req(uint32_t wf_id, uint32_t table_type, uint32_t offset,
+                                      std::span<const uint8_t> data);
+// 0x40004 with 153 at offset 32, read of amt.bin: len bytes at offset.
+// table_type at 20 is not read by the agent and goes out as 0.
+std::vector<uint8_t> build_amt_read_req(uint32_t wf_id, uint32_t offset, uint32_t len);
+// 0x40004 with 155 at offset 32, modify through the confirm form. The agent
+// writes the len bytes from offset 32, so that the word 155 itself is the
+// first thing written: the file receives 9B 00 00 00 and then `data`, and
+// len counts both.
+std::vector<uint8_t> build_confirm_modify_req(uint32_t wf_id, uint32_t table_type, uint32_t offset,
+                                              std::span<const uint8_t> data);
+
+// A confirm of the agent's file service: 0x40008 (info read), 0x40003 with
+// the word 154 (amt.bin read) or 0x40006 (modify, from either form).
+struct FileConfirm {
+    uint32_t msg_id = 0;
+    uint32_t wf_id = 0;
+    uint32_t table_type = 0;  // 154 in an amt.bin read confirm
+    uint32_t offset = 0;
+    uint32_t len = 0;    // what the request asked for
+    uint32_t count = 0;  // readed_len or writed_len: what was done; 0 for a failed access
+    std::vector<uint8_t> data;  // a read confirm's data, as much of count as the message holds
+    bool is_read() const;
+    bool data_cut() const { return is_read() && data.size() < count; }
+};
+
+// Nothing for a message that is no file confirm or too short for its fields.
+std::optional<FileConfirm> decode_file_confirm(std::span<const uint8_t> msg);
+
 // The header fields of a whole message.
 uint32_t wf_total_len(std::span<const uint8_t> msg);
 uint32_t wf_msg_id(std::span<const uint8_t> msg);

@@ -6,9 +6,11 @@
 //   Daemon                    a program run on the phone, its log and exit code
 //   PcLine                    the PC's end of /dev/ttyGS3
 //   WfmgrPeer                 wfmgr's end of TCP port 8030
+//   send_kernel_uevent()      a USB uevent as the kernel sends it, and
+//   send_user_uevent()        one sent by a process, which must not count
 //
-// Still to come: a test charger library for /system/lib64/hw and a sender of
-// USB uevents on a NETLINK_KOBJECT_UEVENT socket.
+// The phone also carries a test charger library (built by CMake as
+// amt_test_charger) that records its calls.
 #pragma once
 
 #include "sandbox_daemon.hpp"
@@ -16,4 +18,5 @@
 #include "sandbox_netns.hpp"
 #include "sandbox_pc_line.hpp"
 #include "sandbox_phone.hpp"
+#include "sandbox_uevent.hpp"
 #include "sandbox_wfmgr_peer.hpp"

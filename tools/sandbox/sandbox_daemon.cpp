@@ -48,7 +48,18 @@ pid_t read_child_pid(int fd, Daemon::Millis timeout) {
     return q > p ? static_cast<pid_t>(std::stol(json.substr(p, q - p))) : -1;
 }
 
+// A file in the phone's directory for the program's standard error: its write
+// end in err[1] and a read end in err[0], as a pipe would give them.
+bool open_log_file(const Phone& phone, int err[2]) {
+    std::string path = phone.root() + "/stderr-XXXXXX";
+    err[1] = mkostemp(path.data(), O_CLOEXEC | O_APPEND);
+    if (err[1] < 0) return false;
+    err[0] = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    return err[0] >= 0;
+}
+
 }  // namespace
+
 
 std::string default_daemon_path() {
 #ifdef OVTA_BINARY_DIR
@@ -66,12 +77,13 @@ std::unique_ptr<Daemon> Daemon::start(const Phone& phone, const std::vector<std:
 }
 
 std::unique_ptr<Daemon> Daemon::start(const Phone& phone, const std::string& program,
-                                      const std::vector<std::string>& args, std::string* why) {
+                                      const std::vector<std::string>& args, std::string* why,
+                                      const DaemonOptions& options) {
     std::string scratch;
     if (why == nullptr) why = &scratch;
     int out[2] = {-1, -1}, err[2] = {-1, -1}, info[2] = {-1, -1}, stop[2] = {-1, -1};
-    if (pipe2(out, O_CLOEXEC) != 0 || pipe2(err, O_CLOEXEC) != 0 || pipe2(info, O_CLOEXEC) != 0 ||
-        pipe2(stop, O_CLOEXEC) != 0) {
+    bool err_ok = options.log_through_file ? open_log_file(phone, err) : pipe2(err, O_CLOEXEC) == 0;
+    if (pipe2(out, O_CLOEXEC) != 0 || !err_ok || pipe2(info, O_CLOEXEC) != 0 || pipe2(stop, O_CLOEXEC) != 0) {
         *why = std::string("pipe: ") + strerror(errno);
         for (int fd : {out[0], out[1], err[0], err[1], info[0], info[1], stop[0], stop[1]}) {
             if (fd >= 0) close(fd);
@@ -84,6 +96,7 @@ std::unique_ptr<Daemon> Daemon::start(const Phone& phone, const std::string& pro
     // async-signal-safe calls are allowed in a threaded parent.
     std::vector<std::string> words = {kBwrap, "--die-with-parent", "--info-fd", std::to_string(info[1])};
     for (std::string& a : phone.bwrap_args()) words.push_back(std::move(a));
+    for (const auto& [name, value] : options.env) words.insert(words.end(), {"--setenv", name, value});
     words.push_back(program);
     for (const std::string& a : args) words.push_back(a);
     std::vector<char*> argv;
@@ -98,6 +111,10 @@ std::unique_ptr<Daemon> Daemon::start(const Phone& phone, const std::string& pro
         struct sigaction dfl {};
         dfl.sa_handler = SIG_DFL;
         sigaction(SIGPIPE, &dfl, nullptr);
+        // A group of its own: a Ctrl-C in the terminal reaches the starting
+        // process alone, which passes it on as it sees fit. Bubblewrap killed
+        // by it would take its program down with SIGKILL, without its stop.
+        setpgid(0, 0);
         if (null_fd >= 0) dup2(null_fd, STDIN_FILENO);
         dup2(out[1], STDOUT_FILENO);
         dup2(err[1], STDERR_FILENO);
@@ -124,6 +141,7 @@ std::unique_ptr<Daemon> Daemon::start(const Phone& phone, const std::string& pro
     d->bwrap_pid_ = pid;
     d->out_fd_ = out[0];
     d->err_fd_ = err[0];
+    d->err_is_file_ = options.log_through_file;
     d->stop_pipe_[0] = stop[0];
     d->stop_pipe_[1] = stop[1];
     d->reader_ = std::thread([p = d.get()] { p->read_output(); });
@@ -174,15 +192,26 @@ void Daemon::append_err(const char* data, size_t len) {
     }
 }
 
+void Daemon::drain_log_file() {
+    // Caller holds mu_. A file read at its end gives 0 and stays open.
+    char buf[4096];
+    ssize_t n;
+    while ((n = read(err_fd_, buf, sizeof(buf))) > 0) append_err(buf, static_cast<size_t>(n));
+}
+
 void Daemon::read_output() {
-    pollfd fds[3] = {{out_fd_, POLLIN, 0}, {err_fd_, POLLIN, 0}, {stop_pipe_[0], POLLIN, 0}};
-    int open_count = 2;
+    pollfd fds[3] = {{out_fd_, POLLIN, 0}, {err_is_file_ ? -1 : err_fd_, POLLIN, 0}, {stop_pipe_[0], POLLIN, 0}};
+    int open_count = err_is_file_ ? 1 : 2;
     char buf[4096];
     while (open_count > 0) {
-        int r = poll(fds, 3, -1);
+        int r = poll(fds, 3, err_is_file_ ? 50 : -1);
         if (r < 0) {
             if (errno == EINTR) continue;
             break;
+        }
+        if (err_is_file_) {
+            std::lock_guard<std::mutex> hold(mu_);
+            drain_log_file();
         }
         if (fds[2].revents != 0) break;
         for (int i = 0; i < 2; ++i) {
@@ -202,6 +231,7 @@ void Daemon::read_output() {
         cv_.notify_all();
     }
     std::lock_guard<std::mutex> hold(mu_);
+    if (err_is_file_) drain_log_file();
     if (!err_partial_.empty()) err_lines_.push_back(std::move(err_partial_));
     err_partial_.clear();
     output_done_ = true;

@@ -18,6 +18,7 @@
 #include <string_view>
 #include <sys/types.h>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "sandbox_phone.hpp"
@@ -27,6 +28,16 @@ namespace sandbox {
 // The daemon next to this program, or in OVTA_BINARY_DIR when that is defined.
 std::string default_daemon_path();
 
+// How a program is run.
+struct DaemonOptions {
+    // Standard error goes to a file in the phone's directory, read every 50 ms,
+    // instead of a pipe whose reader wakes at every line: for measurements, so
+    // that the program's log costs the measuring process no wake-up per line.
+    bool log_through_file = false;
+    // Environment for this program only, beside the phone's own.
+    std::vector<std::pair<std::string, std::string>> env;
+};
+
 class Daemon {
 public:
     using Millis = std::chrono::milliseconds;
@@ -35,7 +46,7 @@ public:
     // with the reason in `why`, when bubblewrap could not start it.
     static std::unique_ptr<Daemon> start(const Phone& phone, const std::string& program,
                                          const std::vector<std::string>& args,
-                                         std::string* why = nullptr);
+                                         std::string* why = nullptr, const DaemonOptions& options = {});
     // The same with the daemon as the program.
     static std::unique_ptr<Daemon> start(const Phone& phone, const std::vector<std::string>& args,
                                          std::string* why = nullptr);
@@ -70,11 +81,13 @@ private:
     void read_output();
     void reap();
     void append_err(const char* data, size_t len);
+    void drain_log_file();
 
     pid_t bwrap_pid_ = -1;
     pid_t child_pid_ = -1;
     int out_fd_ = -1;
     int err_fd_ = -1;
+    bool err_is_file_ = false;  // err_fd_ reads a file, not a pipe
     int info_fd_ = -1;
     int stop_pipe_[2] = {-1, -1};  // a byte here ends the reader
 

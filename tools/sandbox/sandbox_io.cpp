@@ -60,4 +60,17 @@ bool quiet_for(int fd, Millis window) {
     return !wait_for(fd, POLLIN, Clock::now() + window);
 }
 
+std::string read_to_end(int fd) {
+    std::string text;
+    char buf[4096];
+    for (;;) {
+        ssize_t n = read(fd, buf, sizeof(buf));
+        if (n > 0) {
+            text.append(buf, static_cast<size_t>(n));
+        } else if (n == 0 || errno != EINTR) {
+            return text;
+        }
+    }
+}
+
 }  // namespace sandbox

@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <optional>
 #include <span>
+#include <string>
 #include <vector>
 
 namespace sandbox {
@@ -24,5 +25,8 @@ std::optional<Bytes> read_exact(int fd, size_t n, Millis timeout);
 // True when nothing becomes readable on `fd` for `window`. Nothing is consumed.
 // A closed peer counts as something (the descriptor becomes readable).
 bool quiet_for(int fd, Millis window);
+
+// Everything until the writers close `fd` (a child's output): blocks.
+std::string read_to_end(int fd);
 
 }  // namespace sandbox

@@ -1,5 +1,6 @@
 #include "sandbox_phone.hpp"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -52,7 +53,23 @@ std::optional<std::string> read_whole(const std::string& path) {
     return s.str();
 }
 
+// Name of the misc library for the platform that ro.board.platform gives.
+std::string charger_library_name(const std::string& board_platform) {
+    bool alt = board_platform.find("tq7101") != std::string::npos;
+    return std::string("amt.") + (alt ? "tq7101" : "tq7100") + ".misc.so";
+}
+
 }  // namespace
+
+std::string test_charger_library_path() {
+#ifdef OVTA_BINARY_DIR
+    return OVTA_BINARY_DIR "/libamt_test_charger.so";
+#else
+    std::error_code ec;
+    auto self = fs::read_symlink("/proc/self/exe", ec);
+    return (self.parent_path() / "libamt_test_charger.so").string();
+#endif
+}
 
 std::unique_ptr<Phone> Phone::create(const PhoneSetup& setup, std::string* why) {
     std::string scratch;
@@ -68,6 +85,7 @@ std::unique_ptr<Phone> Phone::create(const PhoneSetup& setup, std::string* why) 
     phone->root_ = pattern;
     phone->sdcard_bytes_ = setup.sdcard_bytes;
     phone->host_dirs_ = setup.host_dirs;
+    phone->env_ = setup.env;
 
     std::error_code ec;
     for (const Mapping& m : kMappings) fs::create_directories(phone->root_ + "/" + m.host, ec);
@@ -89,6 +107,23 @@ std::unique_ptr<Phone> Phone::create(const PhoneSetup& setup, std::string* why) 
     if (!phone->set_usb_state(setup.usb_state)) {
         *why = "writing the USB state file";
         return nullptr;
+    }
+    if (!setup.board_platform.empty() &&
+        !write_whole(phone->root_ + "/properties/ro.board.platform", setup.board_platform)) {
+        *why = "writing ro.board.platform";
+        return nullptr;
+    }
+    if (setup.charger_library) {
+        std::string lib = phone->root_ + "/system/lib64/hw/" + charger_library_name(setup.board_platform);
+        fs::copy_file(test_charger_library_path(), lib, ec);
+        if (ec) {
+            *why = "placing the test charger library " + test_charger_library_path() + ": " + ec.message();
+            return nullptr;
+        }
+        if (!phone->write_file("/system/etc/test-charger", setup.charger_behaviour)) {
+            *why = "writing /system/etc/test-charger";
+            return nullptr;
+        }
     }
 
     if (setup.serial_port) {
@@ -143,7 +178,20 @@ std::vector<std::string> Phone::bwrap_args() const {
     // After --dev, which would hide it; the source is the host's device node.
     if (!slave_path_.empty()) a.insert(a.end(), {"--dev-bind", slave_path_, "/dev/ttyGS3"});
     // After /tmp, so that a build tree under the host's /tmp is not hidden.
-    for (const std::string& d : host_dirs_) a.insert(a.end(), {"--ro-bind", d, d});
+    // Shorter paths first: a build tree inside the source tree is bound after
+    // it, so the source tree's bind does not hide it.
+    std::vector<std::string> dirs = host_dirs_;
+    std::sort(dirs.begin(), dirs.end(), [](const std::string& x, const std::string& y) { return x.size() < y.size(); });
+    for (const std::string& d : dirs) {
+#ifdef OVTA_WRITABLE_BINARY_DIR
+        // A coverage build: its programs add their counts to the build tree.
+        const char* bind = d == OVTA_BINARY_DIR ? "--bind" : "--ro-bind";
+#else
+        const char* bind = "--ro-bind";
+#endif
+        a.insert(a.end(), {bind, d, d});
+    }
+    for (const auto& [name, value] : env_) a.insert(a.end(), {"--setenv", name, value});
     a.insert(a.end(), {"--chdir", "/"});
     return a;
 }
@@ -186,6 +234,15 @@ int Phone::sync_runs() const {
     int n = 0;
     for (char c : *text) n += c == '\n';
     return n;
+}
+
+std::vector<std::string> Phone::charger_calls() const {
+    std::vector<std::string> calls;
+    auto text = read_whole(root_ + "/record/charger-calls");
+    if (!text) return calls;
+    std::istringstream lines(*text);
+    for (std::string line; std::getline(lines, line);) calls.push_back(line);
+    return calls;
 }
 
 bool Phone::set_usb_state(std::string_view content) {
