@@ -2,8 +2,11 @@
 # Installs the Debian packages that building, testing and the demonstration
 # need, if any is missing. Runs as root on Debian bookworm.
 set -euo pipefail
+# Build and tests; the AMT MODE picture (FreeType, DejaVu); benchmarks (Google
+# Benchmark, socat as the reference relay); fuzzing (clang with libFuzzer and
+# its sanitizer runtimes); coverage (gcovr).
 packages=(cmake ninja-build g++ pkg-config zlib1g-dev libgtest-dev bubblewrap iproute2 util-linux
-          libfreetype-dev fonts-dejavu-core libbenchmark-dev)
+          libfreetype-dev fonts-dejavu-core libbenchmark-dev socat clang libclang-rt-14-dev gcovr)
 missing=()
 for p in "${packages[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")

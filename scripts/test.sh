@@ -1,10 +1,27 @@
 #!/usr/bin/env bash
-# Builds with the given preset (default: default) and runs every test, unit
-# and end-to-end, through ctest.
+# Runs every test, unit and end-to-end, through ctest.
+#
+#   scripts/test.sh            the whole suite under the default, asan and tsan
+#                              presets, then a short run of every fuzz target
+#                              (this is what CI runs)
+#   scripts/test.sh PRESET     the suite under one preset only (default, asan,
+#                              tsan, coverage)
 set -euo pipefail
 cd "$(dirname "$0")/.."
-preset=${1:-default}
 scripts/install-deps.sh
-cmake --preset "$preset" >/dev/null
-cmake --build --preset "$preset" -j2
-ctest --preset "$preset"
+
+run_preset() {
+  echo "== $1: build"
+  cmake --preset "$1" >/dev/null
+  cmake --build --preset "$1" -j2
+  echo "== $1: tests"
+  ctest --preset "$1"
+}
+
+if [ $# -gt 0 ]; then
+  run_preset "$1"
+  exit 0
+fi
+for preset in default asan tsan; do run_preset "$preset"; done
+echo "== fuzz: every target for 20 s, seeded so that a run is repeatable"
+scripts/fuzz.sh 20 20261123
