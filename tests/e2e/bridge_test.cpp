@@ -10,10 +10,7 @@ namespace {
 
 using sandbox::Bytes;
 
-const Bytes kPreResponse = hex("AA BB CC DD 08 00 00 00 02 02 00 00 76 4A EE 1D");
-// Command 100 with body 01 02 03 04 and its CRC.
-const Bytes kFrame100 = hex("AA BB CC DD 10 00 00 00 02 00 00 00 64 00 00 00 01 02 03 04 EB BD B0 AD");
-// Its info transfer request: total_len 32, wf_id all ones, body_len 12, then
+// The info transfer request of kFrame100: total_len 32, wf_id all ones, body_len 12, then
 // cmd, body and the frame's CRC.
 const Bytes kRequest100 =
     hex("20 00 00 00 FF FF FF FF FF FF FF FF 03 00 04 00 0C 00 00 00 64 00 00 00 01 02 03 04 EB BD B0 AD");
@@ -31,38 +28,25 @@ protected:
         ASSERT_NE(daemon_, nullptr);
     }
 
-    void pc_sends(const Bytes& b) { ASSERT_TRUE(pc_->send(b)); }
-    void expect_pc_gets(const Bytes& want) {
-        auto got = pc_->read_exact(want.size(), kWait);
-        ASSERT_TRUE(got.has_value()) << "the PC got fewer than " << want.size() << " bytes";
-        EXPECT_EQ(*got, want);
-    }
-    void expect_wfmgr_gets(const Bytes& want) {
-        auto got = wfmgr_->read_message(kWait);
-        ASSERT_TRUE(got.has_value()) << "wfmgr got no message";
-        EXPECT_EQ(*got, want);
-    }
-
     sandbox::Daemon* daemon_ = nullptr;
 };
 
-TEST_F(Bridge, ForwardedCommandGoesToWfmgrAsItsExactRequestAfterThePreResponse) {
+// Each frame the PC sends is acknowledged at once and reaches wfmgr as its
+// exact request: total_len grown to a multiple of 4 with zero bytes, a wrong
+// CRC carried unchanged, two frames in one write both forwarded.
+TEST_F(Bridge, ForwardedCommandsGoToWfmgrAsTheirExactRequestsAfterThePreResponse) {
     pc_sends(kFrame100);
     expect_pc_gets(kPreResponse);
     expect_wfmgr_gets(kRequest100);
-}
-
-TEST_F(Bridge, RequestFollowsTheTotalLengthRuleWithZeroFillAndCarriesAWrongCrcUnchanged) {
     // Body of 3 bytes: a payload of 11, total_len 31 + 3 = 34, three zero bytes behind.
     pc_sends(hex("AA BB CC DD 0F 00 00 00 02 00 00 00 64 00 00 00 AA BB CC 12 34 56 78"));
     expect_pc_gets(kPreResponse);
     expect_wfmgr_gets(hex("22 00 00 00 FF FF FF FF FF FF FF FF 03 00 04 00 0B 00 00 00 "
                           "64 00 00 00 AA BB CC 12 34 56 78 00 00 00"));
-}
-
-TEST_F(Bridge, ConfirmFromWfmgrReachesThePcAsAFreshFrameWithAFreshCrc) {
-    ASSERT_TRUE(wfmgr_->send(kConfirm18));
-    expect_pc_gets(kFrame18);
+    pc_sends(concat({kFrame100, kFrame100}));
+    expect_pc_gets(concat({kPreResponse, kPreResponse}));
+    expect_wfmgr_gets(kRequest100);
+    expect_wfmgr_gets(kRequest100);
 }
 
 TEST_F(Bridge, FrameCutAtEveryByteWithGarbageAheadIsAssembledOnce) {
@@ -73,7 +57,7 @@ TEST_F(Bridge, FrameCutAtEveryByteWithGarbageAheadIsAssembledOnce) {
     }
     expect_pc_gets(kPreResponse);
     expect_wfmgr_gets(kRequest100);
-    EXPECT_TRUE(pc_->quiet_for(std::chrono::milliseconds(300)));
+    expect_pc_quiet();
     EXPECT_EQ(daemon_->count_log("first char not match:11"), 1u);
 }
 
@@ -90,37 +74,23 @@ TEST_F(Bridge, PiecesOfAFrameThatComeLongAfterEachOtherMakeOneFrame) {
     expect_wfmgr_gets(kRequest100);
 }
 
-TEST_F(Bridge, AWfmgrMessageWhoseRestComesLongAfterItsStartReachesThePc) {
+// The same from wfmgr, whole and then in pieces long apart.
+TEST_F(Bridge, ConfirmFromWfmgrReachesThePcAsAFreshFrameWithAFreshCrc) {
+    wfmgr_sends(kConfirm18);
+    expect_pc_gets(kFrame18);
     const Bytes pieces[] = {hex("1C 00 00 00 07 00 00 00"), hex("FF FF FF FF 04 00 04 00 08 00 00 00 12"),
                             hex("00 00 00 00 00 00 00")};
     for (const Bytes& piece : pieces) {
         EXPECT_TRUE(pc_->quiet_for(std::chrono::milliseconds(150)));
-        ASSERT_TRUE(wfmgr_->send(piece));
+        wfmgr_sends(piece);
     }
     expect_pc_gets(kFrame18);
-}
-
-TEST_F(Bridge, TwoFramesInOneWriteAreBothAnswered) {
-    pc_sends(concat({kFrame100, kFrame100}));
-    expect_pc_gets(concat({kPreResponse, kPreResponse}));
-    expect_wfmgr_gets(kRequest100);
-    expect_wfmgr_gets(kRequest100);
-}
-
-TEST_F(Bridge, AHeadBrokenByItsOwnFirstByteIsLostAndTheNextFrameIsFound) {
-    // AA BB CC AA BB CC DD: the fourth byte breaks the match and is consumed,
-    // so the frame that begins there is lost; the one behind it is answered.
-    pc_sends(concat({hex("AA BB CC"), kFrame100, kFrame100}));
-    expect_pc_gets(kPreResponse);
-    expect_wfmgr_gets(kRequest100);
-    EXPECT_TRUE(pc_->quiet_for(std::chrono::milliseconds(300)));
-    EXPECT_TRUE(wfmgr_->quiet_for(std::chrono::milliseconds(300)));
 }
 
 TEST_F(Bridge, CommandNumbersUpTo65535AreForwardedAndAboveAreOnlyAcknowledged) {
     pc_sends(hex("AA BB CC DD 0C 00 00 00 02 00 00 00 00 00 01 00 00 00 00 00"));  // 65536
     expect_pc_gets(kPreResponse);
-    EXPECT_TRUE(wfmgr_->quiet_for(std::chrono::milliseconds(300)));
+    expect_wfmgr_quiet();
     EXPECT_TRUE(daemon_->wait_for_log("m_msg_cmd(65536) is not valid.", kWait));
 
     pc_sends(hex("AA BB CC DD 0C 00 00 00 02 00 00 00 FF FF 00 00 00 00 00 00"));  // 65535
@@ -145,7 +115,7 @@ TEST_F(Bridge, LyingFrameLengthsCostOnlyTheirOwnFrame) {
 TEST_F(Bridge, OverlongWfmgrMessageIsSkippedAndTheLinkStaysInStep) {
     Bytes big = hex("50 C3 00 00 07 00 00 00 FF FF FF FF 09 00 04 00 00 00 00 00");  // total_len 50000
     big.resize(50000, 0xAB);
-    ASSERT_TRUE(wfmgr_->send(concat({big, kConfirm18})));
+    wfmgr_sends(concat({big, kConfirm18}));
     expect_pc_gets(kFrame18);
     EXPECT_TRUE(daemon_->wait_for_log("total_len:50000 above 40960", kWait));
 }
@@ -153,24 +123,22 @@ TEST_F(Bridge, OverlongWfmgrMessageIsSkippedAndTheLinkStaysInStep) {
 TEST_F(Bridge, ConfirmsThatCannotBeFramedSafelyNeverReachThePc) {
     // An empty body; a body_len beyond the message; a body for the PC larger
     // than a frame the store can hold; a file read request (word 153 at 32).
-    ASSERT_TRUE(wfmgr_->send(hex("14 00 00 00 07 00 00 00 FF FF FF FF 04 00 04 00 00 00 00 00")));
-    ASSERT_TRUE(wfmgr_->send(hex("1C 00 00 00 07 00 00 00 FF FF FF FF 04 00 04 00 00 01 00 00 12 00 00 00 00 00 00 00")));
+    wfmgr_sends(hex("14 00 00 00 07 00 00 00 FF FF FF FF 04 00 04 00 00 00 00 00"));
+    wfmgr_sends(hex("1C 00 00 00 07 00 00 00 FF FF FF FF 04 00 04 00 00 01 00 00 12 00 00 00 00 00 00 00"));
     Bytes large = hex("24 10 00 00 07 00 00 00 FF FF FF FF 04 00 04 00 10 10 00 00");  // body 4112
     large.resize(20 + 4112, 0x01);
-    ASSERT_TRUE(wfmgr_->send(large));
-    ASSERT_TRUE(wfmgr_->send(hex("24 00 00 00 07 00 00 00 FF FF FF FF 04 00 04 00 10 00 00 00 "
-                                 "12 00 00 00 00 00 00 00 00 00 00 00 99 00 00 00")));
-    ASSERT_TRUE(wfmgr_->send(kConfirm18));  // the link is still in step
+    wfmgr_sends(large);
+    wfmgr_sends(hex("24 00 00 00 07 00 00 00 FF FF FF FF 04 00 04 00 10 00 00 00 "
+                    "12 00 00 00 00 00 00 00 00 00 00 00 99 00 00 00"));
+    wfmgr_sends(kConfirm18);  // the link is still in step
     expect_pc_gets(kFrame18);
-    EXPECT_TRUE(pc_->quiet_for(std::chrono::milliseconds(300)));
+    expect_pc_quiet();
     EXPECT_EQ(daemon_->count_log("treat_wfmgr_amt_info_trans_cnf_msg ,body_len:"), 5u);
 }
 
 TEST_F(Bridge, WfmgrMessageShorterThanItsHeaderEndsTheService) {
-    ASSERT_TRUE(wfmgr_->send(hex("0A 00 00 00 07 00 00 00 FF FF FF FF 04 00 04 00 00 00 00 00")));
-    auto code = daemon_->wait_exit(kWait);
-    ASSERT_TRUE(code.has_value());
-    EXPECT_EQ(*code, 0);
+    wfmgr_sends(hex("0A 00 00 00 07 00 00 00 FF FF FF FF 04 00 04 00 00 00 00 00"));
+    EXPECT_EQ(daemon_->wait_exit(kWait), 0);
     EXPECT_EQ(daemon_->count_log("will exit"), 1u);
     EXPECT_TRUE(daemon_->wait_for_log("below the header size", kWait));
 }

@@ -22,8 +22,7 @@ Bytes load_request(const std::string& name, uint8_t mode) {
                    Bytes{mode, 0, 0, 0}});
 }
 
-// Command 100 with body 01 02 03 04, forwarded with the wf_id in force.
-const Bytes kFrame100 = hex("AA BB CC DD 10 00 00 00 02 00 00 00 64 00 00 00 01 02 03 04 EB BD B0 AD");
+// The request of kFrame100, forwarded with the wf_id in force.
 Bytes request100(const std::string& wf_id) {
     return hex("20 00 00 00 " + wf_id + " FF FF FF FF 03 00 04 00 0C 00 00 00 64 00 00 00 01 02 03 04 EB BD B0 AD");
 }

@@ -34,6 +34,10 @@ constexpr auto kWait = 10s;
 
 // What the agent offers the PC once a second in USB mode until it answers.
 inline const sandbox::Bytes kHandshakeOffer = {0xAA, 0xBB, 0xCC, 0xDD, 0x7F};
+// The acknowledgement of every frame from the PC.
+inline const sandbox::Bytes kPreResponse = hex("AA BB CC DD 08 00 00 00 02 02 00 00 76 4A EE 1D");
+// Command 100 with body 01 02 03 04 and its CRC: a command the agent forwards.
+inline const sandbox::Bytes kFrame100 = hex("AA BB CC DD 10 00 00 00 02 00 00 00 64 00 00 00 01 02 03 04 EB BD B0 AD");
 
 bool network_ready();
 const std::string& network_problem();
@@ -65,6 +69,22 @@ protected:
     // success." and takes off the line any offer sent before the success.
     // False after a failed expectation.
     bool complete_handshake(sandbox::Daemon* d);
+
+    // The two lines, pc_ and wfmgr_, seen from the outside.
+    void pc_sends(const sandbox::Bytes& b) { ASSERT_TRUE(pc_->send(b)); }
+    void expect_pc_gets(const sandbox::Bytes& want) {
+        auto got = pc_->read_exact(want.size(), kWait);
+        ASSERT_TRUE(got.has_value()) << "the PC got fewer than " << want.size() << " bytes";
+        EXPECT_EQ(*got, want);
+    }
+    void expect_pc_quiet() { EXPECT_TRUE(pc_->quiet_for(300ms)); }
+    void wfmgr_sends(const sandbox::Bytes& b) { ASSERT_TRUE(wfmgr_->send(b)); }
+    void expect_wfmgr_gets(const sandbox::Bytes& want) {
+        auto got = wfmgr_->read_message(kWait);
+        ASSERT_TRUE(got.has_value()) << "wfmgr got no message";
+        EXPECT_EQ(*got, want);
+    }
+    void expect_wfmgr_quiet() { EXPECT_TRUE(wfmgr_->quiet_for(300ms)); }
 
     std::unique_ptr<sandbox::Phone> phone_;
     std::unique_ptr<sandbox::WfmgrPeer> wfmgr_;

@@ -24,8 +24,6 @@ inline Bytes cal_bytes() {
 
 inline Bytes slice(const Bytes& b, size_t from, size_t n) { return Bytes(b.begin() + from, b.begin() + from + n); }
 
-inline const Bytes kPreResponse = hex("AA BB CC DD 08 00 00 00 02 02 00 00 76 4A EE 1D");
-
 class RfPhoneTest : public PhoneTest {
 protected:
     // Makes the phone with `amt_relate_path` in its configuration, launches
@@ -47,21 +45,6 @@ protected:
         // wfmgr's messages are handled in order: once the list is in, so is the directory.
         ASSERT_TRUE(daemon_->wait_for_log("g_wfmgr_rftab_info_count:3.", kWait));
     }
-
-    void pc_sends(const Bytes& b) { ASSERT_TRUE(pc_->send(b)); }
-    void expect_pc_gets(const Bytes& want) {
-        auto got = pc_->read_exact(want.size(), kWait);
-        ASSERT_TRUE(got.has_value()) << "the PC got fewer than " << want.size() << " bytes";
-        EXPECT_EQ(*got, want);
-    }
-    void expect_pc_quiet() { EXPECT_TRUE(pc_->quiet_for(300ms)); }
-    void wfmgr_sends(const Bytes& b) { ASSERT_TRUE(wfmgr_->send(b)); }
-    void expect_wfmgr_gets(const Bytes& want) {
-        auto got = wfmgr_->read_message(kWait);
-        ASSERT_TRUE(got.has_value()) << "wfmgr got no message";
-        EXPECT_EQ(*got, want);
-    }
-    void expect_wfmgr_quiet() { EXPECT_TRUE(wfmgr_->quiet_for(300ms)); }
 
     Bytes file(const std::string& phone_path) {
         auto text = phone_->read_file(phone_path);

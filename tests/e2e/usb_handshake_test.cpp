@@ -10,15 +10,9 @@
 namespace e2e {
 namespace {
 
-using sandbox::Bytes;
 using sandbox::Daemon;
 
 constexpr const char* kVerdict = "sys.tq.amt.failure.handshake";
-const Bytes kPreResponse = {0xAA, 0xBB, 0xCC, 0xDD, 0x08, 0x00, 0x00, 0x00,
-                            0x02, 0x02, 0x00, 0x00, 0x76, 0x4A, 0xEE, 0x1D};
-// Command 100 with body 01 02 03 04 and its CRC.
-const Bytes kFrame100 = {0xAA, 0xBB, 0xCC, 0xDD, 0x10, 0x00, 0x00, 0x00, 0x02, 0x00, 0x00, 0x00,
-                         0x64, 0x00, 0x00, 0x00, 0x01, 0x02, 0x03, 0x04, 0xEB, 0xBD, 0xB0, 0xAD};
 
 using Handshake = PhoneTest;
 
@@ -33,8 +27,8 @@ TEST_F(Handshake, AnswerEndsTheOffersSwitchesTheChargerOffAndFramesFollow) {
     EXPECT_TRUE(pc_->quiet_for(1500ms)) << "an offer after the answer";
 
     // The answer and everything after it go to the frame reader as usual.
-    ASSERT_TRUE(pc_->send(kFrame100));
-    EXPECT_EQ(pc_->read_exact(kPreResponse.size(), kWait), kPreResponse);
+    pc_sends(kFrame100);
+    expect_pc_gets(kPreResponse);
     EXPECT_EQ(d->count_log("): handshake success."), 1u);
     EXPECT_EQ(phone_->charger_calls().size(), 1u);
 
@@ -85,50 +79,59 @@ TEST_F(Handshake, EnumerationTimeOutEndsARunThatNeverSeesConfigured) {
     EXPECT_EQ(d->count_log("set property(sys.tq.amt.failure.handshake) to 2."), 1u);
 }
 
-class Charger : public PhoneTest {
-protected:
-    // The agent in USB mode past the handshake, on a phone made from `setup`.
-    Daemon* start(const sandbox::PhoneSetup& setup) {
-        EXPECT_NE(make_phone(setup), nullptr);
-        return phone_ ? launch_with_pc() : nullptr;
-    }
+// How the charger call goes on phones of other kinds; the agent serves on
+// whatever the platform library does.
+struct ChargerCase {
+    const char* name;
+    sandbox::PhoneSetup setup;
+    const char* waited_for;
+    std::vector<std::string> logged;      // once each
+    std::vector<std::string> not_logged;
 };
 
-TEST_F(Charger, ANonZeroResultIsLoggedAndTheAgentServesOn) {
-    sandbox::PhoneSetup setup;
-    setup.charger_behaviour = "5";
-    Daemon* d = start(setup);
+void PrintTo(const ChargerCase& c, std::ostream* os) { *os << c.name; }
+
+class Charger : public PhoneTest, public ::testing::WithParamInterface<ChargerCase> {};
+
+TEST_P(Charger, IsCalledThroughThePlatformsLibraryAndTheAgentServesOn) {
+    const ChargerCase& c = GetParam();
+    ASSERT_NE(make_phone(c.setup), nullptr);
+    Daemon* d = launch_with_pc();
     ASSERT_NE(d, nullptr);
-    EXPECT_TRUE(d->wait_for_log("call amt_usb_charge_ctrl. return:5,  usb_charge_mode:0.", kWait));
-    EXPECT_EQ(d->count_log("stop call amt_usb_charger_enable. return value:5."), 1u);
-    EXPECT_EQ(d->count_log("amt_usb_charger_enable return OK."), 0u);
-    ASSERT_TRUE(pc_->send(kFrame100));
-    EXPECT_EQ(pc_->read_exact(kPreResponse.size(), kWait), kPreResponse);
+    EXPECT_TRUE(d->wait_for_log(c.waited_for, kWait));
+    for (const std::string& line : c.logged) EXPECT_EQ(d->count_log(line), 1u) << line;
+    for (const std::string& line : c.not_logged) EXPECT_EQ(d->count_log(line), 0u) << line;
+    EXPECT_EQ(phone_->charger_calls().size(), c.setup.charger_library ? 1u : 0u);
+    pc_sends(kFrame100);
+    expect_pc_gets(kPreResponse);
 }
 
-TEST_F(Charger, ThePlatformPropertyNamesTheLibrary) {
+sandbox::PhoneSetup with(void (*change)(sandbox::PhoneSetup&)) {
     sandbox::PhoneSetup setup;
-    setup.board_platform = "zelqa-tq7101-evb";
-    Daemon* d = start(setup);
-    ASSERT_NE(d, nullptr);
-    EXPECT_EQ(d->count_log("property-ro.board.platform value: zelqa-tq7101-evb"), 1u);
-    EXPECT_EQ(d->count_log("audio lib path-name: /system/lib64/hw/audio.primary.tq7101.amt.so"), 1u);
-    EXPECT_EQ(d->count_log("misc lib path-name: /system/lib64/hw/amt.tq7101.misc.so"), 1u);
-    EXPECT_TRUE(d->wait_for_log("amt_usb_charger_enable return OK.", kWait));
-    EXPECT_EQ(phone_->charger_calls(), std::vector<std::string>{"amt_usb_charger_enable(0)"});
+    change(setup);
+    return setup;
 }
 
-TEST_F(Charger, AMissingLibraryCostsOnlyTheCall) {
-    sandbox::PhoneSetup setup;
-    setup.charger_library = false;
-    Daemon* d = start(setup);
-    ASSERT_NE(d, nullptr);
-    EXPECT_TRUE(d->wait_for_log("call amt_usb_charge_ctrl. return:-118,  usb_charge_mode:0.", kWait));
-    EXPECT_EQ(d->count_log("call dlopen fail: - /system/lib64/hw/amt.tq7100.misc.so"), 1u);
-    EXPECT_EQ(d->count_log("will call amt_usb_charger_enable."), 0u);
-    ASSERT_TRUE(pc_->send(kFrame100));
-    EXPECT_EQ(pc_->read_exact(kPreResponse.size(), kWait), kPreResponse);
-}
+const ChargerCase kChargerCases[] = {
+    {"NonZeroResult", with([](sandbox::PhoneSetup& s) { s.charger_behaviour = "5"; }),
+     "call amt_usb_charge_ctrl. return:5,  usb_charge_mode:0.",
+     {"stop call amt_usb_charger_enable. return value:5."},
+     {"amt_usb_charger_enable return OK."}},
+    {"PlatformNamesTheLibrary", with([](sandbox::PhoneSetup& s) { s.board_platform = "zelqa-tq7101-evb"; }),
+     "amt_usb_charger_enable return OK.",
+     {"property-ro.board.platform value: zelqa-tq7101-evb",
+      "audio lib path-name: /system/lib64/hw/audio.primary.tq7101.amt.so",
+      "misc lib path-name: /system/lib64/hw/amt.tq7101.misc.so"},
+     {}},
+    {"MissingLibrary", with([](sandbox::PhoneSetup& s) { s.charger_library = false; }),
+     "call amt_usb_charge_ctrl. return:-118,  usb_charge_mode:0.",
+     {"call dlopen fail: - /system/lib64/hw/amt.tq7100.misc.so"},
+     {"will call amt_usb_charger_enable."}},
+};
+
+std::string charger_case_name(const ::testing::TestParamInfo<ChargerCase>& info) { return info.param.name; }
+
+INSTANTIATE_TEST_SUITE_P(Phones, Charger, ::testing::ValuesIn(kChargerCases), charger_case_name);
 
 }  // namespace
 }  // namespace e2e
