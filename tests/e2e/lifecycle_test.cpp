@@ -1,6 +1,5 @@
 // The life of the process as a whole: usage, the single-instance lock, the
 // exit signals, and the two ways in which wfmgr ends or prevents a run.
-#include <algorithm>
 #include <csignal>
 #include <gtest/gtest.h>
 #include <optional>
@@ -76,6 +75,15 @@ TEST_F(SingleInstance, SecondStartReportsTheFirstAndLeavesItRunning) {
     EXPECT_EQ(first->wait_exit(kWait), 0);
 }
 
+// The log of a run that ended by one teardown: `lines` in this order, and the
+// stop, the teardown and the end once each.
+void expect_one_teardown(const Daemon& d, const std::vector<std::string>& lines) {
+    expect_in_order(d, lines);
+    EXPECT_EQ(d.count_log("receive signal to exit"), 1u);
+    EXPECT_EQ(d.count_log("will call close_ovta_amt.i:0."), 1u);
+    EXPECT_EQ(d.count_log("will exit"), 1u);
+}
+
 class ExitSignal : public PhoneTest, public ::testing::WithParamInterface<int> {};
 
 TEST_P(ExitSignal, TearsDownOnceAndExitsWithZero) {
@@ -83,22 +91,8 @@ TEST_P(ExitSignal, TearsDownOnceAndExitsWithZero) {
     ASSERT_NE(d, nullptr);
     ASSERT_TRUE(d->signal(GetParam()));
     ASSERT_EQ(d->wait_exit(kWait), 0);
-
-    const std::vector<std::string> log = messages(*d);
-    auto at = [&](const std::string& text) {
-        return std::find(log.begin(), log.end(), text) - log.begin();
-    };
-    const auto received = at("receive signal: " + std::to_string(GetParam()));
-    const auto to_exit = at("receive signal to exit");
-    const auto teardown = at("will call close_ovta_amt.i:0. ");
-    const auto will_exit = at("will exit");
-    EXPECT_LT(received, to_exit);
-    EXPECT_LT(to_exit, teardown);
-    EXPECT_LT(teardown, will_exit);
-    EXPECT_LT(will_exit, static_cast<long>(log.size()));
-    EXPECT_EQ(d->count_log("receive signal to exit"), 1u);
-    EXPECT_EQ(d->count_log("will call close_ovta_amt.i:0."), 1u);
-    EXPECT_EQ(d->count_log("will exit"), 1u);
+    expect_one_teardown(*d, {"receive signal: " + std::to_string(GetParam()), "receive signal to exit",
+                             "will call close_ovta_amt.i:0. ", "will exit"});
 }
 
 std::string signal_name(const ::testing::TestParamInfo<int>& info) { return sigabbrev_np(info.param); }
@@ -120,9 +114,7 @@ TEST_F(Shutdown, SignalsDuringTheTeardownChangeNothing) {
         d->signal(more[i % 3]);
     }
     ASSERT_EQ(d->wait_exit(kWait), 0);
-    EXPECT_EQ(d->count_log("receive signal to exit"), 1u);
-    EXPECT_EQ(d->count_log("will call close_ovta_amt.i:0."), 1u);
-    EXPECT_EQ(d->count_log("will exit"), 1u);
+    expect_one_teardown(*d, {"receive signal to exit", "will call close_ovta_amt.i:0. ", "will exit"});
 }
 
 // wfmgr going away is a stop like any signal: the receive thread sees the
@@ -132,16 +124,8 @@ TEST_F(Shutdown, WfmgrClosingItsSideEndsTheServiceWithZero) {
     ASSERT_NE(d, nullptr);
     wfmgr_->close_connection();
     ASSERT_EQ(d->wait_exit(kWait), 0);
-    const std::vector<std::string> log = messages(*d);
-    auto at = [&](const std::string& text) {
-        return std::find(log.begin(), log.end(), text) - log.begin();
-    };
-    EXPECT_LT(at("socket closed!"), at("receive signal: 15"));
-    EXPECT_LT(at("receive signal: 15"), at("will exit"));
-    EXPECT_LT(at("will exit"), static_cast<long>(log.size()));
-    EXPECT_EQ(d->count_log("receive signal to exit"), 1u);
+    expect_one_teardown(*d, {"socket closed!", "receive signal: 15", "will exit"});
     EXPECT_EQ(d->count_log("close_ovta_amt. index:0"), 1u);
-    EXPECT_EQ(d->count_log("will exit"), 1u);
 }
 
 // Takes the full twenty tries, about twenty seconds.

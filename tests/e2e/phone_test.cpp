@@ -1,5 +1,6 @@
 #include "phone_test.hpp"
 
+#include <algorithm>
 #include <csignal>
 
 #include <cstdlib>
@@ -16,6 +17,17 @@ std::vector<std::string> messages(const sandbox::Daemon& d) {
     std::vector<std::string> out;
     for (const std::string& l : d.log_lines()) out.push_back(message_of(l));
     return out;
+}
+
+void expect_in_order(const sandbox::Daemon& d, const std::vector<std::string>& lines) {
+    const std::vector<std::string> log = messages(d);
+    long last = -1;
+    for (const std::string& line : lines) {
+        const long at = std::find(log.begin(), log.end(), line) - log.begin();
+        EXPECT_LT(at, static_cast<long>(log.size())) << "no line " << line;
+        EXPECT_GT(at, last) << line << " out of order";
+        last = at;
+    }
 }
 
 void PhoneTest::SetUp() {

@@ -46,6 +46,9 @@ const std::string& network_problem();
 std::string message_of(const std::string& line);
 // The messages of all lines of `d`, in order.
 std::vector<std::string> messages(const sandbox::Daemon& d);
+// Expects messages of `d` that are exactly `lines`, in this order (the first
+// of each counts).
+void expect_in_order(const sandbox::Daemon& d, const std::vector<std::string>& lines);
 
 class PhoneTest : public ::testing::Test {
 protected:

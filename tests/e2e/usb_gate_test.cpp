@@ -2,7 +2,6 @@
 // start whether the agent enters AMT mode at all, and every end of a USB-mode
 // run publishes sys.tq.amt.failure.handshake once, "2" while the flag file
 // permits and "1" while it refuses. Plain mode touches no property.
-#include <algorithm>
 #include <csignal>
 #include <gtest/gtest.h>
 #include <optional>
@@ -130,12 +129,8 @@ TEST_F(UsbVerdict, ARealCrashStillPublishesTheVerdict) {
     ASSERT_EQ(d->wait_exit(kWait), 0);
     EXPECT_EQ(phone_->property(kVerdict), "2");
     EXPECT_EQ(phone_->charger_calls(), std::vector<std::string>{"amt_usb_charger_enable(0)"});
-    const std::vector<std::string> log = messages(*d);
-    auto at = [&](const std::string& text) { return std::find(log.begin(), log.end(), text) - log.begin(); };
-    EXPECT_LT(at("will call amt_usb_charger_enable."), at("receive signal: 11"));
-    EXPECT_LT(at("receive signal: 11"), at("set property(sys.tq.amt.failure.handshake) to 2."));
-    EXPECT_LT(at("set property(sys.tq.amt.failure.handshake) to 2."), at("will exit"));
-    EXPECT_LT(at("will exit"), static_cast<long>(log.size()));
+    expect_in_order(*d, {"will call amt_usb_charger_enable.", "receive signal: 11",
+                         "set property(sys.tq.amt.failure.handshake) to 2.", "will exit"});
 }
 
 // No serial port: the PC row fails its twenty tries (about twenty seconds),

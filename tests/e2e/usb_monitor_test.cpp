@@ -33,9 +33,6 @@ protected:
         std::string why;
         ASSERT_TRUE(sandbox::send_kernel_uevent(sandbox::usb_state_uevent(state), &why)) << why;
     }
-    static long index_of(const std::vector<std::string>& log, const std::string& text) {
-        return std::find(log.begin(), log.end(), text) - log.begin();
-    }
 };
 
 // Bytes from the PC before CONFIGURED prove the enumeration but are no
@@ -67,22 +64,13 @@ TEST_F(UsbMonitor, DisconnectedEndsTheServiceWithOneTeardownAndTheVerdict) {
     kernel_sends("DISCONNECTED");
     ASSERT_EQ(d->wait_exit(kWait), 0);
     EXPECT_EQ(phone_->property(kVerdict), "2");
-    const std::vector<std::string> log = messages(*d);
-    const long disconnect = index_of(log, "amt_handle_monitor_usb_loop get usb disconnect event");
-    const long will_exit_service =
-        index_of(log, "amt_handle_monitor_usb_loop get usb disconnect event, will exit amt service");
-    const long teardown = index_of(log, "will call close_ovta_amt.i:0. ");
-    const long verdict = index_of(log, "set property(sys.tq.amt.failure.handshake) to 2.");
-    const long signal = index_of(log, "receive signal: 15");
-    const long will_exit = index_of(log, "will exit");
-    EXPECT_LT(disconnect, will_exit_service);
-    EXPECT_LT(will_exit_service, teardown);
-    EXPECT_LT(teardown, verdict);
-    EXPECT_LT(verdict, signal);
-    EXPECT_LT(signal, will_exit);
-    EXPECT_LT(will_exit, static_cast<long>(log.size()));
+    expect_in_order(*d, {"amt_handle_monitor_usb_loop get usb disconnect event",
+                         "amt_handle_monitor_usb_loop get usb disconnect event, will exit amt service",
+                         "will call close_ovta_amt.i:0. ", "set property(sys.tq.amt.failure.handshake) to 2.",
+                         "receive signal: 15", "will exit"});
     EXPECT_EQ(d->count_log("will call close_ovta_amt.i:0."), 1u);
     EXPECT_EQ(d->count_log("set property(sys.tq.amt.failure.handshake)"), 1u);
+    const std::vector<std::string> log = messages(*d);
     EXPECT_EQ(std::count(log.begin(), log.end(), "will exit"), 1);
 }
 
