@@ -17,7 +17,6 @@ public:
     ~Ring() { releaseRingBuf(&ring_); }
     Ring(const Ring&) = delete;
     Ring& operator=(const Ring&) = delete;
-    RingBuf* operator->() { return &ring_; }
     RingBuf* get() { return &ring_; }
 
 private:

@@ -46,29 +46,17 @@ int stop_blocked(std::function<bool()> wait) {
     return b.outcome;
 }
 
-TEST(ThreadStop, EndsASleep) {
-    EXPECT_EQ(stop_blocked([] { return pub_util_msleep(600000); }), 0);
-}
-
-TEST(ThreadStop, EndsAReadWaitOnASilentDescriptor) {
+// The waits of a started message look at the ring again after each timed
+// wait on rcv_sem; a stop must end that loop, not only a single wait.
+TEST(ThreadStop, EndsAReadWaitASemaphoreWaitAndTimedWaitsThatKeepLookingAgain) {
     int p[2];
     ASSERT_EQ(pipe(p), 0);
     EXPECT_EQ(stop_blocked([&] { return pub_util_wait_fd(p[0], POLLIN, -1) == 1; }), 0);
     close(p[0]);
     close(p[1]);
-}
-
-TEST(ThreadStop, EndsASemaphoreWait) {
     EventSem sem;
     ASSERT_TRUE(sem.create(0));
     EXPECT_EQ(stop_blocked([&] { return sem.wait(); }), 0);
-}
-
-// The waits of a started message look at the ring again after each timed
-// wait on rcv_sem; a stop must end that loop, not only a single wait.
-TEST(ThreadStop, EndsTimedSemaphoreWaitsThatKeepLookingAgain) {
-    EventSem sem;
-    ASSERT_TRUE(sem.create(0));
     EXPECT_EQ(stop_blocked([&] {
                   for (;;) {
                       if (!sem.wait_for(20)) return false;
@@ -77,6 +65,7 @@ TEST(ThreadStop, EndsTimedSemaphoreWaitsThatKeepLookingAgain) {
               0);
 }
 
+// A sleep ends, and every later sleep of the thread returns at once.
 TEST(ThreadStop, StopStaysSetSoTheWayOutCannotBlockAgain) {
     LogCapture log;
     EXPECT_EQ(stop_blocked([] {

@@ -97,10 +97,15 @@ TEST(Timer, HandlersThatDeleteTheirOwnAndEachOthersTimerRunOnceWithoutDeadlock) 
     }
 }
 
+// A handle without a timer is deleted silently and cannot be set.
 TEST(Timer, ACreatedTimerIsReplacedAndTheOldOneNeverRunsAgain) {
     LogCapture log;
     g_started = 0;
     TimerHandle timer{kNoTimer};
+    deleteTimer(&timer);
+    setTimer(&timer, 1500, kTimerOneShot);
+    EXPECT_TRUE(log.contains("invalid parameter.timerId:-1; timeMSec:1500."));
+    EXPECT_FALSE(log.contains("delete timer"));
     createTimer(&timer, count_handler);
     setTimer(&timer, 5, kTimerPeriodic);
     ASSERT_TRUE(eventually([] { return g_started.load() > 0; }));
@@ -110,6 +115,9 @@ TEST(Timer, ACreatedTimerIsReplacedAndTheOldOneNeverRunsAgain) {
     EXPECT_EQ(g_started.load(), runs);
     EXPECT_EQ(log.count("delete timer.timerId:"), 1u);
     deleteTimer(&timer);
+    deleteTimer(&timer);
+    EXPECT_EQ(timer.load(), kNoTimer);
+    EXPECT_EQ(log.count("delete timer.timerId:"), 2u);
 }
 
 }  // namespace
