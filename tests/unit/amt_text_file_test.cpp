@@ -86,22 +86,20 @@ std::string write_request(uint32_t site, uint32_t result, const std::string& des
 
 using TestResultWrite = AmtDirTest;
 
-TEST_F(TestResultWrite, MissingStoreIsNotCreatedByAWriteAndItsTemporaryFileGoes) {
+// A missing store is not created by a write; one that opens but cannot be
+// read stays as it was and reads as no store. The temporary file goes.
+TEST_F(TestResultWrite, MissingOrUnreadableStoreStaysAsItWas) {
     std::string m = write_request(3, 1, "x");
     EXPECT_EQ(modify_test_result_value(reinterpret_cast<const uint8_t*>(m.data()), m.size()), -118);
     EXPECT_FALSE(exists("test_result.txt"));
     EXPECT_FALSE(exists("test_result_temp001.txt"));
-}
 
-TEST_F(TestResultWrite, UnreadableStoreStaysAsItWasAndReadsAsNoStore) {
     ASSERT_EQ(mkdir(path("test_result.txt").c_str(), 0755), 0);  // opens, but every read fails
-    std::string m = write_request(3, 1, "x");
     EXPECT_EQ(modify_test_result_value(reinterpret_cast<const uint8_t*>(m.data()), m.size()), -118);
     struct stat st {};
     ASSERT_EQ(stat(path("test_result.txt").c_str(), &st), 0);
     EXPECT_TRUE(S_ISDIR(st.st_mode));
     EXPECT_FALSE(exists("test_result_temp001.txt"));
-
     TestResultInfo info;
     get_test_result_info(3, &info);
     EXPECT_EQ(info.result_code, kResultStoreFailed);

@@ -51,10 +51,7 @@ TEST(CardMountTable, PathAnywhereInALineCountsAsMounted) {
     EXPECT_TRUE(lists("/storage/sdcard1 /mnt ext4 rw 0 0", card));        // device column, no line end
     EXPECT_FALSE(lists("tmpfs /storage/sdcard tmpfs rw 0 0\n", card));
     EXPECT_FALSE(lists("\n", card));
-}
-
-TEST(CardMountTable, LongLineIsSeenInPiecesOf198Bytes) {
-    const char* card = "/storage/sdcard1";
+    // A long line is seen in pieces of 198 bytes.
     const std::string path = card;
     EXPECT_TRUE(lists(std::string(250, 'o') + " " + path + "\n", card));
     EXPECT_FALSE(lists(std::string(190, 'o') + path + "\n", card));  // cut at byte 198, inside the path

@@ -19,36 +19,34 @@ protected:
     void SetUp() override { cfg_init(); }
 };
 
-TEST_F(ConfigLines, BlanksAroundKeyAndValueAndLineEndsGoTabsStay) {
-    treat("   amt_relate_path   =   /amt/dir/  \r\n");
-    EXPECT_STREQ(config_file_st.m_amt_relate_path, "/amt/dir/");
-    cfg_init();
-    treat("amt_relate_path=/a/b\t\n");
-    EXPECT_STREQ(config_file_st.m_amt_relate_path, "/a/b\t");
-    cfg_init();
-    treat("amt_relate_path = /x=y#z");  // later '=' and '#' are part of the value
-    EXPECT_STREQ(config_file_st.m_amt_relate_path, "/x=y#z");
-}
-
-TEST_F(ConfigLines, CommentsKeylessAndUnknownLinesAreDropped) {
+// Blanks around key and value and the line end go, tabs stay; later '=' and
+// '#' are part of the value.
+TEST_F(ConfigLines, ValuesComeBareAndCommentsKeylessAndUnknownLinesAreDropped) {
     treat("  # amt_relate_path = /commented/");
     treat("[section]");
     treat(" = /no/key/");
     treat("AMT_RELATE_PATH = /capitals/");
     treat("amt relate path = /inner/blanks/");
     EXPECT_STREQ(config_file_st.m_amt_relate_path, "");
+    treat("   amt_relate_path   =   /amt/dir/  \r\n");
+    EXPECT_STREQ(config_file_st.m_amt_relate_path, "/amt/dir/");
+    cfg_init();
+    treat("amt_relate_path=/a/b\t\n");
+    EXPECT_STREQ(config_file_st.m_amt_relate_path, "/a/b\t");
+    cfg_init();
+    treat("amt_relate_path = /x=y#z");
+    EXPECT_STREQ(config_file_st.m_amt_relate_path, "/x=y#z");
 }
 
-TEST_F(ConfigLines, FirstNonEmptyAmtPathWinsAndLaterLinesLogThePriority) {
+// The first non-empty amt_relate_path wins and later lines log the priority;
+// the last output_more_log wins, and letters give zero.
+TEST_F(ConfigLines, FirstNonEmptyAmtPathAndLastOutputMoreLogWin) {
     LogCapture log;
     treat("amt_relate_path =");
     treat("amt_relate_path = /first/");
     treat("amt_relate_path = /second/");
     EXPECT_STREQ(config_file_st.m_amt_relate_path, "/first/");
     EXPECT_EQ(log.count("command-line parameter has setted amt-relate path(/first/), it is priority."), 1u);
-}
-
-TEST_F(ConfigLines, LastOutputMoreLogWinsAndLettersGiveZero) {
     treat("output_more_log = 1");
     treat("output_more_log = 0");
     EXPECT_EQ(config_file_st.output_more_log, 0u);

@@ -31,25 +31,22 @@ void set_rows(std::initializer_list<std::pair<uint16_t, std::string>> rows) {
     rftab_list_replace(list, static_cast<uint32_t>(i * kRftabRowSize));
 }
 
-TEST(RfLookup, TypeWithoutARowLeavesTheBufferAndGivesAnEmptyFullName) {
-    cfg_init();
-    cfg_set_rf_relate_path("/amt/rf/");
-    char dst[16] = "untouched";
-    EXPECT_EQ(get_rf_specified_file(dst, sizeof(dst), 7), -1);
-    EXPECT_STREQ(dst, "untouched");
-    char full[kAmtPathSize];
-    memset(full, 'x', sizeof(full));
-    EXPECT_EQ(get_rf_code_full_file_name(7, full), 0);
-    EXPECT_STREQ(full, "");
-    EXPECT_EQ(get_rf_specified_file(nullptr, 16, 7), kRetBadSize);
-    EXPECT_EQ(get_rf_specified_file(dst, 0, 7), kRetBadSize);
-}
-
-TEST(RfLookup, NameGoesStraightBehindTheDirectoryAndIsCutTwoBelowTheBuffer) {
+// A type without a row leaves the buffer and gives an empty full name; the
+// name goes straight behind the directory and is cut two below the buffer.
+TEST(RfLookup, NameGoesStraightBehindTheDirectoryAndATypeWithoutARowGivesNothing) {
     cfg_init();
     set_rows({{7, "cal.bin"}, {9, std::string(63, 'n')}});
     cfg_set_rf_relate_path("/amt/rf");  // no separator is added
-    char full[kAmtPathSize] = {};
+    char dst[16] = "untouched";
+    EXPECT_EQ(get_rf_specified_file(dst, sizeof(dst), 8), -1);
+    EXPECT_STREQ(dst, "untouched");
+    char full[kAmtPathSize];
+    memset(full, 'x', sizeof(full));
+    EXPECT_EQ(get_rf_code_full_file_name(8, full), 0);
+    EXPECT_STREQ(full, "");
+    EXPECT_EQ(get_rf_specified_file(nullptr, 16, 7), kRetBadSize);
+    EXPECT_EQ(get_rf_specified_file(dst, 0, 7), kRetBadSize);
+
     EXPECT_EQ(get_rf_code_full_file_name(7, full), 0);
     EXPECT_STREQ(full, "/amt/rfcal.bin");
     char small[10];

@@ -31,31 +31,26 @@ Parsed parse(const std::string& line, int32_t number = 0) {
 
 std::string description(const Parsed& p) { return std::string(p.info.description, p.info.description_len); }
 
-TEST(TestResultLine, StationIsAtMostTheFirstTwoDigits) {
-    EXPECT_EQ(parse("5,1,x\r\n").station, 5);
-    EXPECT_EQ(parse("55,1,x\r\n").station, 55);
-    EXPECT_EQ(parse("79,0,\r\n").station, 79);
-    // A third digit is not part of the number: 123,4,x is station 12 with the
-    // cursor on the 3, which is then taken for the result.
-    Parsed p = parse("123,4,x\r\n");
-    EXPECT_EQ(p.station, 12);
-    EXPECT_EQ(p.info.station_result, 3u);
-    EXPECT_EQ(description(p), "4,x");
-}
-
-TEST(TestResultLine, ResultIsOneDigitAndTheDescriptionNeedsTheCommaBehindIt) {
+// The station is at most the first two digits: 123,4,x is station 12 with the
+// cursor on the 3, which is then taken for the result. The result is one
+// digit, and the description needs the comma behind it.
+TEST(TestResultLine, StationIsTwoDigitsAtMostResultOneAndTheDescriptionNeedsTheCommaBehindIt) {
     struct Case {
         const char* line;
+        int32_t station;
         uint32_t result;
         const char* description;
     };
     const Case cases[] = {
-        {"7,1\r\n", 1, ""},          {"7,,abc\r\n", 0, "abc"},   {"7\r\n", 0, ""},
-        {"7,1,a,b\r\n", 1, "a,b"},   {"7,12,x\r\n", 1, ""},      {"7,-1,x\r\n", 0, ""},
-        {"7,9,\r\n", 9, ""},         {"7x1,y\r\n", 0, ""},    {"7,1,a\n", 0, ""},  // no CR LF: no line
+        {"5,1,x\r\n", 5, 1, "x"},    {"55,1,x\r\n", 55, 1, "x"}, {"79,0,\r\n", 79, 0, ""},
+        {"123,4,x\r\n", 12, 3, "4,x"}, {"7,1\r\n", 7, 1, ""},       {"7,,abc\r\n", 7, 0, "abc"},
+        {"7\r\n", 7, 0, ""},          {"7,1,a,b\r\n", 7, 1, "a,b"}, {"7,12,x\r\n", 7, 1, ""},
+        {"7,-1,x\r\n", 7, 0, ""},     {"7,9,\r\n", 7, 9, ""},       {"7x1,y\r\n", 7, 0, ""},
+        {"7,1,a\n", -1, 0, ""},  // no CR LF: no line
     };
     for (const Case& c : cases) {
         Parsed p = parse(c.line);
+        EXPECT_EQ(p.station, c.station) << c.line;
         EXPECT_EQ(p.info.station_result, c.result) << c.line;
         EXPECT_EQ(description(p), c.description) << c.line;
     }

@@ -14,7 +14,7 @@ using namespace std::string_view_literals;
 
 std::string_view walk(std::string_view bytes) { return uevent_usb_state_string({bytes.data(), bytes.size()}); }
 
-TEST(UeventWalk, FindsTheFirstUsbStateStringAmongTheOthersAndNothingInOtherMessages) {
+TEST(UeventWalk, FindsTheFirstUsbStateStringWithinTheReceivedBytesAndNothingInOtherMessages) {
     EXPECT_EQ(walk("change@/devices/virtual/android_usb/android0\0ACTION=change\0SUBSYSTEM=android_usb\0"
                    "USB_STATE=CONFIGURED\0SEQNUM=1234"sv),
               "USB_STATE=CONFIGURED");
@@ -22,6 +22,13 @@ TEST(UeventWalk, FindsTheFirstUsbStateStringAmongTheOthersAndNothingInOtherMessa
     EXPECT_EQ(walk("add@/devices/virtual/block/loop0\0ACTION=add\0SUBSYSTEM=block\0"sv), "");
     EXPECT_EQ(walk(""sv), "");
     EXPECT_EQ(walk("\0\0\0"sv), "");
+
+    // A string that the received length cuts is taken as far as it was
+    // received, never with the bytes that lie behind it in the buffer.
+    std::string_view buffer = "ACTION=change\0USB_STATE=CONFIGURED\0"sv;
+    EXPECT_EQ(walk(buffer.substr(0, 28)), "USB_STATE=CONF");
+    EXPECT_EQ(usb_state_event_of(walk(buffer.substr(0, 28))), UsbStateEvent::kOther);
+    EXPECT_EQ(walk(buffer.substr(0, 20)), "");  // "USB_ST"
 }
 
 // The whole buffer is received, with no terminator anywhere in it; the
@@ -39,15 +46,6 @@ TEST(UeventWalk, AFullBufferWithoutTerminatorIsReadWithinItsBytes) {
 
     std::vector<char> plain(kUeventBufSize, 'x');
     EXPECT_EQ(uevent_usb_state_string(plain), "");
-}
-
-// A string that the received length cuts is taken as far as it was received,
-// never with the bytes that lie behind it in the buffer.
-TEST(UeventWalk, AStringCutAtTheReceivedLengthEndsThere) {
-    std::string_view buffer = "ACTION=change\0USB_STATE=CONFIGURED\0"sv;
-    EXPECT_EQ(uevent_usb_state_string({buffer.data(), 28}), "USB_STATE=CONF");
-    EXPECT_EQ(usb_state_event_of(uevent_usb_state_string({buffer.data(), 28})), UsbStateEvent::kOther);
-    EXPECT_EQ(uevent_usb_state_string({buffer.data(), 20}), "");  // "USB_ST"
 }
 
 TEST(UsbStateText, DisconnectedWinsOverConnectedAndAnythingElseIsAnotherState) {
