@@ -12,8 +12,6 @@ namespace e2e {
 
 class FactoryCommandTest : public PhoneTest {
 protected:
-    static constexpr const char* kPreResponse = "AA BB CC DD 08 00 00 00 02 02 00 00 76 4A EE 1D";
-
     static sandbox::PhoneSetup amt_phone() {
         sandbox::PhoneSetup setup;
         setup.config = "amt_relate_path = /amt/\n";
@@ -31,13 +29,8 @@ protected:
     // Sends `request` and checks that the PC gets the pre-response and then
     // exactly `answer`, and nothing behind it.
     void exchange(const std::string& request, const std::string& answer) {
-        ASSERT_TRUE(pc_->send(hex(request)));
-        sandbox::Bytes want = hex(kPreResponse);
-        sandbox::Bytes a = hex(answer);
-        want.insert(want.end(), a.begin(), a.end());
-        auto got = pc_->read_exact(want.size(), kWait);
-        ASSERT_TRUE(got.has_value()) << "the PC got fewer than " << want.size() << " bytes";
-        EXPECT_EQ(tools::to_hex(*got), tools::to_hex(want));
+        pc_sends(hex(request));
+        expect_pc_gets(concat({kPreResponse, hex(answer)}));
         EXPECT_TRUE(pc_->quiet_for(std::chrono::milliseconds(100)));
     }
 

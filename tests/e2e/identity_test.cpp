@@ -19,11 +19,6 @@ constexpr const char* kDateNotStored = "AA BB CC DD 10 00 00 00 02 00 00 00 44 0
 constexpr const char* kBoardStored = "AA BB CC DD 10 00 00 00 02 00 00 00 58 00 00 00 00 00 00 00 59 68 CC 45";
 constexpr const char* kBoardNotStored = "AA BB CC DD 10 00 00 00 02 00 00 00 58 00 00 00 0A 00 00 00 53 48 5C D4";
 
-TEST_F(Identity, VersionWithoutPropertyIsTheSingleByteZero) {
-    ASSERT_TRUE(start());
-    exchange(kReadVersion, "AA BB CC DD 15 00 00 00 02 00 00 00 2E 00 00 00 00 00 00 00 01 00 00 00 30 AA A7 BE E3");
-}
-
 TEST_F(Identity, VersionOf91BytesCarriesItsFirst64) {
     ASSERT_TRUE(make_phone(amt_phone()));
     ASSERT_TRUE(phone_->write_file("/run/ovta-amt/properties/ro.build.display.tq.id",
@@ -36,8 +31,11 @@ TEST_F(Identity, VersionOf91BytesCarriesItsFirst64) {
              "C9 BF 65 EF");
 }
 
-TEST_F(Identity, MissingFilesAnswerNotReadInTheirOwnShapes) {
+// Without the property the version is the single byte "0"; the missing files
+// answer "not read" in their own shapes.
+TEST_F(Identity, AFreshPhoneHasVersionZeroAndNeitherDateNorBoard) {
     ASSERT_TRUE(start());
+    exchange(kReadVersion, "AA BB CC DD 15 00 00 00 02 00 00 00 2E 00 00 00 00 00 00 00 01 00 00 00 30 AA A7 BE E3");
     exchange(kReadDate,
              "AA BB CC DD 1C 00 00 00 02 00 00 00 42 00 00 00 0A 00 00 00 "
              "00 00 00 00 00 00 00 00 00 00 00 00 81 E8 47 DC");
@@ -74,10 +72,8 @@ TEST_F(Identity, DateBehindALongerFrameRunsThroughItsCrcOnly) {
     // Command 100 (forwarded to wfmgr) with 64 bytes of 'Q' in its body.
     sandbox::Bytes longer = hex("AA BB CC DD 4C 00 00 00 02 00 00 00 64 00 00 00");
     longer.insert(longer.end(), 64 + 4, 'Q');
-    ASSERT_TRUE(pc_->send(longer));
-    auto pre = pc_->read_exact(16, kWait);
-    ASSERT_TRUE(pre.has_value());
-    EXPECT_EQ(tools::to_hex(*pre), kPreResponse);
+    pc_sends(longer);
+    expect_pc_gets(kPreResponse);
     // "2024-01-31" and a CRC of 58 59 5A 5B, without a zero byte.
     exchange("AA BB CC DD 16 00 00 00 02 00 00 00 43 00 00 00 32 30 32 34 2D 30 31 2D 33 31 58 59 5A 5B",
              kDateStored);

@@ -39,18 +39,6 @@ TEST_F(RfFileService, InfoReadConfirmCarriesTheBytesReadAndFollowsTheTotalLength
                           "0B 00 00 00 00 00 00 00 E8 03 00 00 0A 00 00 00 00 01 02 03 04 05 06 07 08 09 00 00"));
 }
 
-TEST_F(RfFileService, UnknownTypeOrMissingFileConfirmsZeroBytesAndCreatesNothing) {
-    wfmgr_sends(hex("20 00 00 00 2A 00 00 00 FF FF FF FF 07 00 04 00 0C 00 00 00 08 00 00 00 00 00 00 00 04 00 00 00"));
-    expect_wfmgr_gets(hex("24 00 00 00 2A 00 00 00 FF FF FF FF 08 00 04 00 10 00 00 00 "
-                          "08 00 00 00 00 00 00 00 04 00 00 00 00 00 00 00"));
-    wfmgr_sends(hex("24 00 00 00 2A 00 00 00 FF FF FF FF 05 00 04 00 10 00 00 00 "
-                    "09 00 00 00 00 00 00 00 04 00 00 00 01 02 03 04"));
-    expect_wfmgr_gets(hex("24 00 00 00 2A 00 00 00 FF FF FF FF 06 00 04 00 10 00 00 00 "
-                          "09 00 00 00 00 00 00 00 04 00 00 00 00 00 00 00"));
-    EXPECT_FALSE(phone_->exists("/amt/rf/missing.bin"));
-    EXPECT_EQ(phone_->sync_runs(), 0);
-}
-
 TEST_F(RfFileService, ModifyWritesTheSliceSyncsAndConfirmsTheCountWritten) {
     wfmgr_sends(hex("24 00 00 00 2A 00 00 00 FF FF FF FF 05 00 04 00 10 00 00 00 "
                     "07 00 00 00 0A 00 00 00 04 00 00 00 DE AD BE EF"));
@@ -62,17 +50,15 @@ TEST_F(RfFileService, ModifyWritesTheSliceSyncsAndConfirmsTheCountWritten) {
     EXPECT_EQ(phone_->sync_runs(), 2);
 }
 
-TEST_F(RfFileService, FileReadFormReadsAmtBinWhateverTheTableTypeAndNothingReachesThePc) {
+// The file read form reads amt.bin whatever the table type.
+TEST_F(RfFileService, FileFormsReadAmtBinAndWriteTheTableAndNothingReachesThePc) {
     ASSERT_TRUE(phone_->write_file("/amt/a/b/c/d/amt.bin", "ABCDEFG"));
     // table_type 0xDEAD, offset 2, len 3, the word 153.
     wfmgr_sends(hex("24 00 00 00 2A 00 00 00 FF FF FF FF 04 00 04 00 10 00 00 00 "
                     "AD DE 00 00 02 00 00 00 03 00 00 00 99 00 00 00"));
     expect_wfmgr_gets(hex("2A 00 00 00 2A 00 00 00 FF FF FF FF 03 00 04 00 13 00 00 00 "
                           "9A 00 00 00 02 00 00 00 03 00 00 00 03 00 00 00 43 44 45 00 00 00"));
-    expect_pc_quiet();
-}
-
-TEST_F(RfFileService, FileModifyFormWritesFromItsOwnWordAndConfirmsWithTheModifyConfirm) {
+    // The modify form writes from its own word and confirms with the modify confirm.
     // len 8 from offset 32: the word 155 itself, then 01 02 03 04.
     wfmgr_sends(hex("28 00 00 00 2A 00 00 00 FF FF FF FF 04 00 04 00 14 00 00 00 "
                     "07 00 00 00 00 00 00 00 08 00 00 00 9B 00 00 00 01 02 03 04"));
@@ -99,7 +85,16 @@ TEST_F(RfFileService, ModifyLenPastTheMessageIsRefusedThoughEarlierBytesLieBehin
         daemon_->wait_for_log("modify_rf_file len:8 reaches past the 4 bytes of data the message holds", kWait));
 }
 
-TEST_F(RfFileService, RequestsThatCannotBeServedAreAnsweredWithZeroBytes) {
+// A type without a row, a file that does not exist, a len with no room for
+// its confirm, a request too short for its fields: zero bytes, no file made.
+TEST_F(RfFileService, RequestsThatCannotBeServedAreAnsweredWithZeroBytesAndCreateNothing) {
+    wfmgr_sends(hex("20 00 00 00 2A 00 00 00 FF FF FF FF 07 00 04 00 0C 00 00 00 08 00 00 00 00 00 00 00 04 00 00 00"));
+    expect_wfmgr_gets(hex("24 00 00 00 2A 00 00 00 FF FF FF FF 08 00 04 00 10 00 00 00 "
+                          "08 00 00 00 00 00 00 00 04 00 00 00 00 00 00 00"));
+    wfmgr_sends(hex("24 00 00 00 2A 00 00 00 FF FF FF FF 05 00 04 00 10 00 00 00 "
+                    "09 00 00 00 00 00 00 00 04 00 00 00 01 02 03 04"));
+    expect_wfmgr_gets(hex("24 00 00 00 2A 00 00 00 FF FF FF FF 06 00 04 00 10 00 00 00 "
+                          "09 00 00 00 00 00 00 00 04 00 00 00 00 00 00 00"));
     // A len with no room for its confirm, len + 100 above the largest signed
     // 32-bit number, in both read forms.
     wfmgr_sends(hex("20 00 00 00 2A 00 00 00 FF FF FF FF 07 00 04 00 0C 00 00 00 07 00 00 00 00 00 00 00 FF FF FF FF"));
@@ -121,6 +116,8 @@ TEST_F(RfFileService, RequestsThatCannotBeServedAreAnsweredWithZeroBytes) {
     EXPECT_TRUE(
         daemon_->wait_for_log_count("lacks its table_type, offset or len: answered with 0 bytes.", 2, kWait));
     EXPECT_EQ(file("/amt/rf/cal.bin"), cal_bytes());
+    EXPECT_FALSE(phone_->exists("/amt/rf/missing.bin"));
+    EXPECT_EQ(phone_->sync_runs(), 0);
 }
 
 TEST_F(RfFileService, StopDuringTheSyncOfAModifyEndsTheProcessWithoutAConfirm) {

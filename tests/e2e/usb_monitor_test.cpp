@@ -49,8 +49,6 @@ TEST_F(UsbMonitor, ConfiguredFromTheKernelStartsTheHandshake) {
     EXPECT_TRUE(d->wait_for_log("amt_handle_monitor_usb_loop get usb CONFIGURED event", kWait));
     EXPECT_EQ(d->count_log("amt_handle_monitor_usb_loop usb_status:[USB_STATE=CONFIGURED]"), 1u);
     ASSERT_TRUE(complete_handshake(d));
-    EXPECT_TRUE(d->wait_for_log("call amt_usb_charge_ctrl. return:0,  usb_charge_mode:0.", kWait));
-    EXPECT_EQ(phone_->charger_calls(), std::vector<std::string>{"amt_usb_charger_enable(0)"});
 
     // Pulling the cable after the success ends the service as well.
     kernel_sends("DISCONNECTED");
