@@ -54,7 +54,10 @@ TEST_F(Identity, DateIsStoredAsSentSyncedTwiceAndReadBack) {
              "32 30 32 34 30 31 33 31 00 00 00 00 C8 36 0B CB");
 }
 
-TEST_F(Identity, DateWithoutTerminatorTakesTheCrcBytesAndReadsBackAsItsTenBytes) {
+// A date without terminator takes the CRC's bytes up to a zero byte and reads
+// back as its ten bytes. Behind each frame the agent's buffer is zero, also
+// after a longer frame: such a date runs through its CRC and ends there.
+TEST_F(Identity, DateWithoutTerminatorRunsThroughItsCrcOnlyAndReadsBackAsItsTenBytes) {
     ASSERT_TRUE(start());
     // "2024-01-31" and a CRC of 58 59 00 01: the file gets "XY" behind the text.
     exchange("AA BB CC DD 16 00 00 00 02 00 00 00 43 00 00 00 32 30 32 34 2D 30 31 2D 33 31 58 59 00 01",
@@ -63,12 +66,6 @@ TEST_F(Identity, DateWithoutTerminatorTakesTheCrcBytesAndReadsBackAsItsTenBytes)
     exchange(kReadDate,
              "AA BB CC DD 1C 00 00 00 02 00 00 00 42 00 00 00 00 00 00 00 "
              "32 30 32 34 2D 30 31 2D 33 31 00 00 B8 9B 1B 95");
-}
-
-// Behind each frame the agent's buffer is zero, also after a longer frame:
-// a date without terminator runs through its CRC and ends there.
-TEST_F(Identity, DateBehindALongerFrameRunsThroughItsCrcOnly) {
-    ASSERT_TRUE(start());
     // Command 100 (forwarded to wfmgr) with 64 bytes of 'Q' in its body.
     sandbox::Bytes longer = hex("AA BB CC DD 4C 00 00 00 02 00 00 00 64 00 00 00");
     longer.insert(longer.end(), 64 + 4, 'Q');

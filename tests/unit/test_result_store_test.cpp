@@ -112,19 +112,14 @@ int rewrite(const std::string& store, uint32_t site, const std::string& line_tex
     return r;
 }
 
-TEST(TestResultRewrite, ReplacesTheFirstLineOfTheStationAndKeepsEveryOtherByte) {
-    // Lines of every kind around the match: LF only, no digit, binary bytes,
-    // a line longer than one piece, a second line of the same station.
-    std::string before = "0,0,\r\n1,0,\n" + std::string("\x01\x02\x00zz\r\n", 7) + "12,0,old\r\n";
-    std::string after = std::string(1500, 'L') + "\r\n12,5,second\r\n" + std::string("no end\0x", 8);
-    std::string got;
-    EXPECT_EQ(rewrite(before + after, 12, "new", &got), 1);
-    EXPECT_EQ(got, "0,0,\r\n1,0,\n" + std::string("\x01\x02\x00zz\r\n", 7) + "12,1,new\r\n" + after);
-}
-
-// Station 5 is not 55; a line without a digit counts as the station above it
-// (station 0 at the top); no match copies the store unchanged.
-TEST(TestResultRewrite, TheStationIsMatchedByItsWholeNumber) {
+// The first line of the station is replaced and every other byte kept, with
+// lines of every kind around the match: LF only, no digit, binary bytes, a
+// line longer than one piece, a second line of the same station. Station 5
+// is not 55; a line without a digit counts as the station above it (station
+// 0 at the top); no match copies the store unchanged.
+TEST(TestResultRewrite, ReplacesTheFirstLineOfTheStationByItsWholeNumberAndKeepsEveryOtherByte) {
+    const std::string before = "0,0,\r\n1,0,\n" + std::string("\x01\x02\x00zz\r\n", 7);
+    const std::string after = std::string(1500, 'L') + "\r\n12,5,second\r\n" + std::string("no end\0x", 8);
     std::string fresh55 = fresh();
     const std::string line55 = "\n55,0,\r\n";
     fresh55.replace(fresh55.find(line55), line55.size(), "\n55,1,x\r\n");
@@ -135,6 +130,7 @@ TEST(TestResultRewrite, TheStationIsMatchedByItsWholeNumber) {
         std::string after;
     };
     const Case cases[] = {
+        {before + "12,0,old\r\n" + after, 12, 1, before + "12,1,x\r\n" + after},
         {fresh(), 55, 1, fresh55},
         {"3,0,\r\nxx\r\n", 3, 1, "3,1,x\r\nxx\r\n"},
         {"xx\r\n3,0,\r\n", 0, 1, "0,1,x\r\n3,0,\r\n"},
