@@ -2,8 +2,8 @@
 #include <cstring>
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <pthread.h>
 #include <string>
+#include <thread>
 #include <unistd.h>
 #include <vector>
 
@@ -41,32 +41,21 @@ TEST(WriteToDevice, GivesUpOnADescriptorThatStaysFullOrBrokenAndReportsTheUnsent
     while (write(p[1], fill.data(), fill.size()) > 0 || write(p[1], fill.data(), 1) > 0) {
     }
     LogCapture log;
-    struct Ctx {
-        int fd;
-        std::atomic<bool> done{false};
-        int result = -2;
-    } ctx;
-    ctx.fd = p[1];
-    pthread_t writer{};
-    pthread_create(
-        &writer, nullptr,
-        [](void* a) -> void* {
-            auto* c = static_cast<Ctx*>(a);
-            uint8_t buf[24] = {};
-            c->result = write_to_device(c->fd, buf, sizeof(buf));
-            c->done = true;
-            return nullptr;
-        },
-        &ctx);
-    bool ended = comes_true(ctx.done);
+    uint8_t buf[24] = {};
+    std::atomic<bool> done{false};
+    int result = -2;
+    std::thread writer([&] {
+        result = write_to_device(p[1], buf, sizeof(buf));
+        done = true;
+    });
+    bool ended = comes_true(done);
     EXPECT_TRUE(ended) << "the write never gave up";
     if (!ended) close(p[0]);  // lets the stuck write fail
-    pthread_join(writer, nullptr);
-    EXPECT_EQ(ctx.result, 0);  // a time-out looks like success
+    writer.join();
+    EXPECT_EQ(result, 0);  // a time-out looks like success
     const std::string gave_up = "write to device failure (timeout) len_tmp:24, fd:" + std::to_string(p[1]) + ".";
     EXPECT_EQ(log.count(gave_up), 1u);
     if (ended) close(p[0]);  // every write now fails with EPIPE
-    uint8_t buf[24] = {};
     EXPECT_EQ(write_to_device(p[1], buf, sizeof(buf)), 0);
     EXPECT_EQ(log.count(gave_up), 2u);
     close(p[1]);
@@ -80,30 +69,16 @@ TEST(WriteToDevice, WaitsForAFullDescriptorAndDeliversEveryByte) {
     std::vector<uint8_t> data(300000);
     for (size_t i = 0; i < data.size(); ++i) data[i] = static_cast<uint8_t>(i * 7 + i / 251);
     std::vector<uint8_t> got;
-    std::atomic<bool> done{false};
-    pthread_t reader{};
-    struct Ctx {
-        int fd;
-        std::vector<uint8_t>* got;
-        std::atomic<bool>* done;
-        size_t want;
-    } ctx{p[0], &got, &done, data.size()};
-    pthread_create(
-        &reader, nullptr,
-        [](void* a) -> void* {
-            auto* c = static_cast<Ctx*>(a);
-            uint8_t buf[4096];
-            while (c->got->size() < c->want) {
-                usleep(200);
-                ssize_t n = read(c->fd, buf, sizeof(buf));
-                if (n > 0) c->got->insert(c->got->end(), buf, buf + n);
-            }
-            *c->done = true;
-            return nullptr;
-        },
-        &ctx);
+    std::thread reader([&] {
+        uint8_t buf[4096];
+        while (got.size() < data.size()) {
+            usleep(200);
+            ssize_t n = read(p[0], buf, sizeof(buf));
+            if (n > 0) got.insert(got.end(), buf, buf + n);
+        }
+    });
     EXPECT_EQ(write_to_device(p[1], data.data(), static_cast<uint32_t>(data.size())), 0);
-    pthread_join(reader, nullptr);
+    reader.join();
     EXPECT_TRUE(got == data);
     close(p[0]);
     close(p[1]);

@@ -6,6 +6,7 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <pthread.h>
+#include <thread>
 #include <unistd.h>
 #include <vector>
 
@@ -52,26 +53,6 @@ private:
     int p_[2] = {-1, -1};
 };
 
-struct Feed {
-    int fd;
-    const std::vector<uint8_t>* data;
-};
-
-// The PC: writes everything, waiting whenever the pipe is full.
-void* feed_proc(void* arg) {
-    auto* f = static_cast<Feed*>(arg);
-    size_t done = 0;
-    while (done < f->data->size()) {
-        ssize_t n = write(f->fd, f->data->data() + done, f->data->size() - done);
-        if (n > 0) {
-            done += static_cast<size_t>(n);
-        } else {
-            usleep(500);
-        }
-    }
-    return nullptr;
-}
-
 TEST(ReceiveThread, HeldBackByAFullRingItResumesWhenRoomIsMadeAndLosesNothing) {
     LogCapture log;
     PcRowOnPipe pipe_row;
@@ -82,9 +63,17 @@ TEST(ReceiveThread, HeldBackByAFullRingItResumesWhenRoomIsMadeAndLosesNothing) {
     pthread_t receiver{};
     ASSERT_EQ(pub_util_create_thread(&receiver, receive_chansrv_data_proc, nullptr, false), 0);
     row.thread_id = receiver;
-    Feed feed{pipe_row.write_end(), &sent};
-    pthread_t feeder{};
-    ASSERT_EQ(pthread_create(&feeder, nullptr, feed_proc, &feed), 0);
+    // The PC: writes everything, waiting whenever the pipe is full.
+    std::thread feeder([&] {
+        for (size_t done = 0; done < sent.size();) {
+            ssize_t n = write(pipe_row.write_end(), sent.data() + done, sent.size() - done);
+            if (n > 0) {
+                done += static_cast<size_t>(n);
+            } else {
+                usleep(500);
+            }
+        }
+    });
 
     // Take nothing until the receive thread has stopped reading for want of room.
     while (!log.contains("receive_msg_data not enough nTmp:")) usleep(1000);
@@ -111,7 +100,7 @@ TEST(ReceiveThread, HeldBackByAFullRingItResumesWhenRoomIsMadeAndLosesNothing) {
         while (read(pipe_row.read_end(), drop.data(), drop.size()) > 0) {
         }
     }
-    pthread_join(feeder, nullptr);
+    feeder.join();
     EXPECT_EQ(pub_util_kill_thread(&row.thread_id), 0);
     EXPECT_EQ(pthread_join(receiver, nullptr), 0);
     EXPECT_TRUE(got == sent);

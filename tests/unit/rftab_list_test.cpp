@@ -2,8 +2,8 @@
 #include <atomic>
 #include <cstring>
 #include <gtest/gtest.h>
-#include <pthread.h>
 #include <string>
+#include <thread>
 
 #include "services/rftab_list.hpp"
 
@@ -45,15 +45,10 @@ TEST(RfTableList, LookupDuringRefillNeverSeesAHalfReplacedRow) {
         put_row(b, i, 1, "bbbbbbbbbbbbbbbbbbbbbbbbbbbbbbbbbbbbbbbbbbbbbbbbbbbbbbbbbbbbbbb");
     }
     rftab_list_replace(a, kRftabListSize);
-    static std::atomic<bool> stop{false};
-    pthread_t writer{};
-    pthread_create(
-        &writer, nullptr,
-        [](void*) -> void* {
-            for (int i = 0; !stop; ++i) rftab_list_replace(i % 2 ? a : b, kRftabListSize);
-            return nullptr;
-        },
-        nullptr);
+    std::atomic<bool> stop{false};
+    std::thread writer([&] {
+        for (int i = 0; !stop; ++i) rftab_list_replace(i % 2 ? a : b, kRftabListSize);
+    });
     int mixed = 0;
     for (int i = 0; i < 20000; ++i) {
         char name[kRftabNameSize];
@@ -62,7 +57,7 @@ TEST(RfTableList, LookupDuringRefillNeverSeesAHalfReplacedRow) {
         if (s.find_first_not_of(s[0]) != std::string::npos) ++mixed;
     }
     stop = true;
-    pthread_join(writer, nullptr);
+    writer.join();
     EXPECT_EQ(mixed, 0);
 }
 
