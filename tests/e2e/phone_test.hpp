@@ -32,6 +32,8 @@ inline sandbox::Bytes concat(std::initializer_list<sandbox::Bytes> parts) {
 // Generous bound for anything the daemon does in response to the test.
 constexpr auto kWait = 10s;
 
+// The property by which the agent tells the phone whether to enter AMT mode.
+constexpr const char* kVerdict = "sys.tq.amt.failure.handshake";
 // What the agent offers the PC once a second in USB mode until it answers.
 inline const sandbox::Bytes kHandshakeOffer = {0xAA, 0xBB, 0xCC, 0xDD, 0x7F};
 // The acknowledgement of every frame from the PC.

@@ -12,7 +12,6 @@ namespace {
 
 using sandbox::Daemon;
 
-constexpr const char* kVerdict = "sys.tq.amt.failure.handshake";
 
 using Handshake = PhoneTest;
 

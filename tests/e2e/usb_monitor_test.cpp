@@ -12,7 +12,6 @@ namespace {
 
 using sandbox::Daemon;
 
-constexpr const char* kVerdict = "sys.tq.amt.failure.handshake";
 constexpr const char* kListening = "amt_handle_monitor_usb_loop listening for uevents.";
 
 class UsbMonitor : public PhoneTest {
