@@ -37,7 +37,7 @@ Bytes amt_bin_confirm(const std::string& three_bytes) {
 
 using EnterAmt = RfPhoneTest;
 
-TEST_F(EnterAmt, LoadRequestCarriesNameAndModeAndTheConfirmAnswersWithResponse18) {
+TEST_F(EnterAmt, LoadRequestCarriesNameAndModeAndEachConfirmAnswersWithResponse18) {
     start_agent();
     ASSERT_FALSE(HasFatalFailure());
     pc_sends(hex("AA BB CC DD 14 00 00 00 02 00 00 00 11 00 00 00 01 00 00 00 77 66 31 00 29 BF 2A 86"));
@@ -50,11 +50,8 @@ TEST_F(EnterAmt, LoadRequestCarriesNameAndModeAndTheConfirmAnswersWithResponse18
     pc_sends(kFrame100);
     expect_pc_gets(kPreResponse);
     expect_wfmgr_gets(request100("34 12 00 00"));
-}
 
-TEST_F(EnterAmt, EachConfirmAnswersAndOnlyAGoodOneReplacesTheWfId) {
-    start_agent();
-    ASSERT_FALSE(HasFatalFailure());
+    // Each confirm answers, and only a good one replaces the wf_id.
     wfmgr_sends(hex("1C 00 00 00 05 00 00 00 FF FF FF FF 02 00 04 00 08 00 00 00 05 00 00 00 00 00 00 00"));
     expect_pc_gets(kRsp18Done);
     // error_cause 3 answers 10, not 3.

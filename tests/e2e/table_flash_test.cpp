@@ -68,18 +68,9 @@ TEST_F(TableFlash, NoFileBehindTheTableTypeIsRefusedOnBothCommandsAndNothingIsCr
     EXPECT_EQ(phone_->sync_runs(), 0);
 }
 
-TEST_F(TableFlash, WriteChangesExactlyItsSliceAndSyncsTwice) {
-    // DE AD BE EF at offset 10.
-    ask(hex("AA BB CC DD 1C 00 00 00 02 00 00 00 3F 00 00 00 07 00 00 00 0A 00 00 00 04 00 00 00 DE AD BE EF "
-            "59 E9 8B 1A"),
-        kRsp64Written);
-    Bytes want = cal_bytes();
-    std::copy_n(hex("DE AD BE EF").begin(), 4, want.begin() + 10);
-    EXPECT_EQ(file("/amt/rf/cal.bin"), want);
-    EXPECT_EQ(phone_->sync_runs(), 2);
-}
-
-TEST_F(TableFlash, WriteLenIsBoundedByTheFrameBufferNotByTheFrame) {
+// A write changes exactly its slice and syncs twice; its len is bounded by
+// the frame buffer, not by the frame.
+TEST_F(TableFlash, WriteChangesItsSliceAndItsLenIsBoundedByTheFrameBufferNotByTheFrame) {
     // Two bytes of data, len 8: 55 66, the frame's CRC 79 78 3D 32, then the
     // zeros behind the frame.
     ask(hex("AA BB CC DD 1A 00 00 00 02 00 00 00 3F 00 00 00 07 00 00 00 00 00 00 00 08 00 00 00 55 66 79 78 3D 32"),
