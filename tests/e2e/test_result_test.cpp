@@ -48,7 +48,7 @@ TEST_F(TestResultStore, FirstReadMakesAFreshStoreOf64LinesAndFindsStation0) {
     EXPECT_EQ(daemon_->count_log("amt_init_test_result_file (/amt/test_result.txt). OK"), 1u);
 }
 
-TEST_F(TestResultStore, WriteReplacesOnlyItsStationsLineAndReadsBack) {
+TEST_F(TestResultStore, WriteReplacesOnlyItsStationsLineAndAStationWithoutALineIsNotFound) {
     ASSERT_TRUE(start_with_store(fresh_store()));
     exchange(kWrite12, kStored);
     EXPECT_EQ(phone_->read_file("/amt/test_result.txt"), fresh_store(12, "12,1,ab\r\n"));
@@ -56,13 +56,10 @@ TEST_F(TestResultStore, WriteReplacesOnlyItsStationsLineAndReadsBack) {
     EXPECT_EQ(phone_->sync_runs(), 2);
     exchange(kReadStation12,
              "AA BB CC DD 16 00 00 00 02 00 00 00 5A 00 00 00 00 00 00 00 01 00 00 00 61 62 04 2D 68 11");
-}
-
-TEST_F(TestResultStore, StationWithoutALineIsNotFoundAndItsWriteChangesNothing) {
-    ASSERT_TRUE(start_with_store(fresh_store()));
+    // A station without a line is not found, and its write changes nothing.
     exchange(kReadStation64, kNoLine);
     exchange("AA BB CC DD 16 00 00 00 02 00 00 00 5B 00 00 00 40 00 00 00 01 00 00 00 7A 7A 11 2B 47 0F", kStored);
-    EXPECT_EQ(phone_->read_file("/amt/test_result.txt"), fresh_store());
+    EXPECT_EQ(phone_->read_file("/amt/test_result.txt"), fresh_store(12, "12,1,ab\r\n"));
 }
 
 TEST_F(TestResultStore, EmptyStoreIsMadeFreshButAOneByteStoreIsServedAsItIs) {
