@@ -22,6 +22,7 @@
 #include <unistd.h>
 #include <utility>
 
+#include "process/unique_fd.hpp"
 #include "screen/screen.hpp"
 #include "screen/screen_image.hpp"
 #include "screen/screen_log.hpp"
@@ -39,30 +40,6 @@ namespace {
 
 constexpr const char* kFbDevice = "/dev/graphics/fb0";
 constexpr const char* kConsoleDevice = "/dev/tty0";
-
-class Fd {
-public:
-    Fd() = default;
-    explicit Fd(int fd) : fd_(fd) {}
-    ~Fd() { reset(); }
-    Fd(Fd&& other) noexcept : fd_(std::exchange(other.fd_, -1)) {}
-    Fd& operator=(Fd&& other) noexcept {
-        if (this != &other) {
-            reset();
-            fd_ = std::exchange(other.fd_, -1);
-        }
-        return *this;
-    }
-    int get() const { return fd_; }
-    explicit operator bool() const { return fd_ >= 0; }
-
-private:
-    void reset() {
-        if (fd_ >= 0) close(fd_);
-        fd_ = -1;
-    }
-    int fd_ = -1;
-};
 
 class Mapping {
 public:
@@ -94,7 +71,7 @@ private:
 };
 
 struct FbState {
-    Fd fd;
+    UniqueFd fd;
     Mapping memory;
     fb_fix_screeninfo fix{};
     fb_var_screeninfo var{};   // changed by screen_update and written back
@@ -134,10 +111,10 @@ int screen_init() {
     // Graphics mode keeps the console from drawing over the picture; a phone
     // without the console device shows the picture all the same.
     {
-        Fd console(open(kConsoleDevice, O_RDWR | O_SYNC | O_CLOEXEC));
+        UniqueFd console(open(kConsoleDevice, O_RDWR | O_SYNC | O_CLOEXEC));
         if (console) ioctl(console.get(), KDSETMODE, static_cast<unsigned long>(KD_GRAPHICS));
     }
-    Fd fd(open(kFbDevice, O_RDWR | O_CLOEXEC));
+    UniqueFd fd(open(kFbDevice, O_RDWR | O_CLOEXEC));
     if (!fd) {
         screen_log(nullptr, "fb open failed!\n");
         return -1;

@@ -627,7 +627,7 @@ int main(int argc, char** argv) {
     if (!command.parse()) return kExitUsage;
 
     std::string error;
-    tools::UniqueFd fd = tools::open_raw_serial(opt->device, &error);
+    UniqueFd fd = tools::open_raw_serial(opt->device, &error);
     if (!fd.valid()) {
         fail("%s", error.c_str());
         return kExitUsage;

@@ -37,7 +37,7 @@
 #include "protocol/wf_msg.hpp"
 #include "tools/lib/hex_text.hpp"
 #include "tools/lib/serial_port.hpp"
-#include "tools/lib/unique_fd.hpp"
+#include "process/unique_fd.hpp"
 #include "tools/lib/wf_messages.hpp"
 
 namespace {
@@ -305,8 +305,8 @@ bool answer(int fd, const std::vector<uint8_t>& msg, const Options& opt, Keeper*
     }
 }
 
-tools::UniqueFd listen_on(uint16_t port) {
-    tools::UniqueFd fd(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+UniqueFd listen_on(uint16_t port) {
+    UniqueFd fd(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
     if (!fd.valid()) return fd;
     int one = 1;
     setsockopt(fd.get(), SOL_SOCKET, SO_REUSEADDR, &one, sizeof(one));
@@ -315,21 +315,21 @@ tools::UniqueFd listen_on(uint16_t port) {
     addr.sin_addr.s_addr = htonl(INADDR_ANY);
     addr.sin_port = htons(port);
     if (bind(fd.get(), reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) != 0 || listen(fd.get(), 4) != 0) {
-        return tools::UniqueFd();
+        return UniqueFd();
     }
     return fd;
 }
 
 // SIGTERM, SIGINT and SIGUSR1 arrive as readable bytes on this descriptor
 // instead of interrupting the program wherever it is.
-tools::UniqueFd signal_fd() {
+UniqueFd signal_fd() {
     sigset_t set;
     sigemptyset(&set);
     sigaddset(&set, SIGTERM);
     sigaddset(&set, SIGINT);
     sigaddset(&set, SIGUSR1);
-    if (sigprocmask(SIG_BLOCK, &set, nullptr) != 0) return tools::UniqueFd();
-    return tools::UniqueFd(signalfd(-1, &set, SFD_CLOEXEC));
+    if (sigprocmask(SIG_BLOCK, &set, nullptr) != 0) return UniqueFd();
+    return UniqueFd(signalfd(-1, &set, SFD_CLOEXEC));
 }
 
 int take_signal(int sig_fd) {
@@ -407,12 +407,12 @@ int main(int argc, char** argv) {
     Keeper keeper;
     if (!opt->out_path.empty() && !keeper.open(opt->out_path)) return 1;
     signal(SIGPIPE, SIG_IGN);
-    tools::UniqueFd sig_fd = signal_fd();
+    UniqueFd sig_fd = signal_fd();
     if (!sig_fd.valid()) {
         say("cannot take the signals: %s", strerror(errno));
         return 1;
     }
-    tools::UniqueFd listener = listen_on(opt->port);
+    UniqueFd listener = listen_on(opt->port);
     if (!listener.valid()) {
         say("cannot listen on 0.0.0.0:%u: %s", opt->port, strerror(errno));
         return 1;
@@ -437,7 +437,7 @@ int main(int argc, char** argv) {
         if ((fds[0].revents & POLLIN) == 0) continue;
         sockaddr_in peer{};
         socklen_t peer_len = sizeof(peer);
-        tools::UniqueFd conn(accept4(listener.get(), reinterpret_cast<sockaddr*>(&peer), &peer_len, SOCK_CLOEXEC));
+        UniqueFd conn(accept4(listener.get(), reinterpret_cast<sockaddr*>(&peer), &peer_len, SOCK_CLOEXEC));
         if (!conn.valid()) continue;
         char addr[INET_ADDRSTRLEN] = "?";
         inet_ntop(AF_INET, &peer.sin_addr, addr, sizeof(addr));

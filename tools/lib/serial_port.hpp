@@ -7,7 +7,7 @@
 #include <span>
 #include <string>
 
-#include "tools/lib/unique_fd.hpp"
+#include "process/unique_fd.hpp"
 
 namespace tools {
 

@@ -8,7 +8,7 @@
 #include <unistd.h>
 #include <vector>
 
-#include "tools/lib/unique_fd.hpp"
+#include "process/unique_fd.hpp"
 
 namespace sandbox {
 namespace {
@@ -17,8 +17,8 @@ constexpr int kAckWaitMs = 2000;
 
 std::string error_text(const char* what, int err) { return std::string(what) + ": " + strerror(err); }
 
-tools::UniqueFd uevent_socket(std::string* why) {
-    tools::UniqueFd fd(socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_KOBJECT_UEVENT));
+UniqueFd uevent_socket(std::string* why) {
+    UniqueFd fd(socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_KOBJECT_UEVENT));
     if (!fd.valid()) *why = error_text("uevent socket", errno);
     return fd;
 }
@@ -55,7 +55,7 @@ bool send_kernel_uevent(std::string_view payload, std::string* why) { return sen
 bool send_kernel_uevents(std::string_view payload, int copies, std::string* why) {
     std::string scratch;
     if (why == nullptr) why = &scratch;
-    tools::UniqueFd fd = uevent_socket(why);
+    UniqueFd fd = uevent_socket(why);
     if (!fd.valid()) return false;
     std::vector<char> msg(NLMSG_LENGTH(payload.size()), 0);
     auto* head = reinterpret_cast<nlmsghdr*>(msg.data());
@@ -94,7 +94,7 @@ bool send_kernel_uevents(std::string_view payload, int copies, std::string* why)
 bool send_user_uevent(std::string_view payload, std::string* why) {
     std::string scratch;
     if (why == nullptr) why = &scratch;
-    tools::UniqueFd fd = uevent_socket(why);
+    UniqueFd fd = uevent_socket(why);
     if (!fd.valid()) return false;
     // No netlink header: the copy that also reaches the kernel is no request
     // it would act on.

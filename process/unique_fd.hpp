@@ -1,10 +1,8 @@
-// A descriptor that closes itself.
+// A descriptor that closes itself on every path.
 #pragma once
 
 #include <unistd.h>
 #include <utility>
-
-namespace tools {
 
 class UniqueFd {
 public:
@@ -21,6 +19,7 @@ public:
 
     int get() const { return fd_; }
     bool valid() const { return fd_ >= 0; }
+    explicit operator bool() const { return valid(); }
     void reset(int fd = -1) {
         if (fd_ >= 0) close(fd_);
         fd_ = fd;
@@ -29,5 +28,3 @@ public:
 private:
     int fd_ = -1;
 };
-
-}  // namespace tools
