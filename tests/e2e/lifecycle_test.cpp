@@ -161,6 +161,13 @@ TEST_F(Shutdown, SignalsWhileAFailedStartEndsTheProcessEndItOnce) {
 // stack limit far beyond the memory makes every new thread fail, and the
 // start fails with it instead of running on.
 TEST_F(Shutdown, SignalThreadThatCannotStartFailsTheStartWithCode21) {
+#if defined(__SANITIZE_THREAD__)
+    // The kernel places mappings below the stack by its limit: a terabyte
+    // puts them, depending on the random offset, outside the ranges that
+    // ThreadSanitizer lays its shadow over, and the agent dies before main.
+    // The default and asan builds run this test.
+    GTEST_SKIP() << "a terabyte stack limit moves mappings out of ThreadSanitizer's ranges";
+#endif
     rlimit before{};
     ASSERT_EQ(getrlimit(RLIMIT_STACK, &before), 0);
     // The soft limit only: a lowered hard limit could not be raised again.
