@@ -129,6 +129,26 @@ std::string write_request(uint32_t site, uint32_t result, const std::string& des
     return m + description + std::string(4, '\0');
 }
 
+using TestResultRead = AmtDirTest;
+
+// A two-digit station is not the station of its first digit: the lines of 12
+// and 55 come before those of 1 and 5 and must not answer for them.
+TEST_F(TestResultRead, StationIsMatchedByItsWholeNumberNotItsFirstDigit) {
+    put("test_result.txt", "12,7,twelve\r\n55,9,fifty-five\r\n1,3,one\r\n5,4,five\r\n");
+    struct Want {
+        uint32_t site;
+        uint32_t result;
+        const char* description;
+    };
+    for (const Want& want : {Want{1, 3, "one"}, Want{5, 4, "five"}, Want{12, 7, "twelve"}, Want{55, 9, "fifty-five"}}) {
+        TestResultInfo info;
+        get_test_result_info(want.site, &info);
+        EXPECT_EQ(info.result_code, kResultStationFound) << want.site;
+        EXPECT_EQ(info.station_result, want.result) << want.site;
+        EXPECT_EQ(std::string(info.description, info.description_len), want.description) << want.site;
+    }
+}
+
 using TestResultWrite = AmtDirTest;
 
 // A missing store is not created by a write; one that opens but cannot be
