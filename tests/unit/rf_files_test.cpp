@@ -15,6 +15,7 @@
 #include "process/pub_util.hpp"
 #include "services/rf_files.hpp"
 #include "services/rftab_list.hpp"
+#include "user_mode_emulation.hpp"
 
 namespace {
 
@@ -107,6 +108,10 @@ TEST_F(BinaryFile, ReadTakesWhatLiesBetweenOffsetAndTheEndAndFailsOnlyOnTheFile)
 }
 
 TEST_F(BinaryFile, WriteReplacesItsSliceLengthensPastTheEndAndSyncsTwiceEvenForNothing) {
+    if (under_user_mode_emulation()) {
+        GTEST_SKIP() << "qemu-user starts a missing program with success (its child exits 127), so no run of "
+                        "/system/bin/sync fails in the log";
+    }
     LogCapture log;
     const uint8_t data[] = {0xA1, 0xA2, 0xA3};
     uint32_t n = 0;
