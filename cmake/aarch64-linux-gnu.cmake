@@ -1,6 +1,8 @@
 # Cross build for 64-bit ARM Linux (the phone's processor) with Debian's
 # g++-aarch64-linux-gnu, against the arm64 libraries of a multiarch system
-# (dpkg --add-architecture arm64; zlib1g-dev:arm64, libgtest-dev:arm64).
+# (dpkg --add-architecture arm64; zlib1g-dev:arm64, libgtest-dev:arm64, and
+# libc6:arm64 and libstdc++6:arm64 to run the programs; scripts/install-deps.sh
+# cross installs them).
 #
 # Programs built here run under qemu's user-mode emulation. Its library
 # prefix is the system root: the arm64 libc and loader of the multiarch
