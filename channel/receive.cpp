@@ -161,9 +161,9 @@ bool wait_socket_accept(AmtChannel& row) {
     for (;;) {
         int w = pub_util_wait_fd(listen_fd, POLLIN, -1);
         if (w == kWaitStopped) return false;
-        uint8_t addr[16];
+        sockaddr_storage addr{};
         socklen_t addr_len = sizeof(addr);
-        int client = accept4(listen_fd, reinterpret_cast<sockaddr*>(addr), &addr_len, SOCK_CLOEXEC | SOCK_NONBLOCK);
+        int client = accept4(listen_fd, reinterpret_cast<sockaddr*>(&addr), &addr_len, SOCK_CLOEXEC | SOCK_NONBLOCK);
         if (client < 0) {
             if (errno == EAGAIN || errno == EWOULDBLOCK) continue;
             log_dbg("Connection accepted. return:%d, error: %d - %s", client, errno, strerror(errno));

@@ -2,20 +2,55 @@
 # Runs every test, unit and end-to-end, through ctest.
 #
 #   scripts/test.sh            the whole suite under the default, asan and tsan
-#                              presets, then a short run of every fuzz target
-#                              (this is what CI runs)
-#   scripts/test.sh PRESET     the suite under one preset only (default, asan,
-#                              tsan, coverage)
+#                              presets; the Android half against Android's
+#                              headers and liblog (android-api); the unit
+#                              tests cross-built for arm64 and armhf and run
+#                              under qemu; then a short run of every fuzz
+#                              target (this is what CI runs)
+#   scripts/test.sh PRESET     one preset only (default, asan, tsan, coverage,
+#                              android-api, arm64, armhf)
 set -euo pipefail
 cd "$(dirname "$0")/.."
 scripts/install-deps.sh
 
-run_preset() {
+build_preset() {
   echo "== $1: build"
   cmake --preset "$1" >/dev/null
   cmake --build --preset "$1" -j2
+}
+
+# The cross builds need the ARM libraries and the build machine's make_logo.
+prepare_cross() {
+  scripts/install-deps.sh cross
+  build_preset make-logo
+}
+
+run_preset() {
+  case "$1" in arm64 | armhf) prepare_cross ;; esac
+  build_preset "$1"
   echo "== $1: tests"
   ctest --preset "$1"
+}
+
+# arm64 and armhf: the unit tests of one run under qemu while the other builds.
+run_cross() {
+  prepare_cross
+  build_preset arm64
+  echo "== arm64: unit tests under qemu-aarch64, beside the armhf build"
+  local log status=0 tests
+  log=$(mktemp)
+  ctest --preset arm64 >"$log" 2>&1 &
+  tests=$!
+  build_preset armhf
+  wait "$tests" || status=$?
+  cat "$log"
+  rm -f "$log"
+  if [ "$status" -ne 0 ]; then
+    echo "arm64: unit tests failed" >&2
+    exit 1
+  fi
+  echo "== armhf: unit tests under qemu-arm"
+  ctest --preset armhf
 }
 
 if [ $# -gt 0 ]; then
@@ -23,5 +58,11 @@ if [ $# -gt 0 ]; then
   exit 0
 fi
 for preset in default asan tsan; do run_preset "$preset"; done
+start=$SECONDS
+run_preset android-api
+echo "== android-api: $((SECONDS - start)) s"
+start=$SECONDS
+run_cross
+echo "== arm64 and armhf, ARM libraries included: $((SECONDS - start)) s"
 echo "== fuzz: every target for 20 s, seeded so that a run is repeatable"
 scripts/fuzz.sh 20 20261123

@@ -20,6 +20,9 @@ struct FileCloser {
 };
 using UniqueFile = std::unique_ptr<FILE, FileCloser>;
 
+// An offset is any 32-bit unsigned number, so off_t must be wider.
+static_assert(sizeof(off_t) > sizeof(uint32_t), "RF offsets from 2 GiB on need 64-bit file offsets");
+
 bool seek_to(FILE* f, uint32_t offset) { return fseeko(f, static_cast<off_t>(offset), SEEK_SET) == 0; }
 
 }  // namespace

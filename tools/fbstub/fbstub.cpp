@@ -23,6 +23,12 @@
 // are closed, and answers ioctl on them itself. Everything else passes
 // through to the next definition (the C library, or a sanitizer's wrapper).
 //
+// The program under test may be built with 64-bit file offsets (the agent
+// is), and so is the stand-in: its video memory may pass 2 GiB on a 32-bit
+// system too. Under 64-bit offsets the C library's headers give open and
+// openat the symbols open64 and openat64; the stand-in must catch calls
+// through either name, so it names the symbol of each definition itself.
+//
 // Threads: any thread of the host program may call these functions. The
 // table of known descriptors is lock-free, since close also runs in places
 // where a lock could be held by a thread that no longer exists (a forked
@@ -248,7 +254,7 @@ int open_device(const char* path, int flags) {
             errno = ENAMETOOLONG;
             return -1;
         }
-        fd = real_open()(mem, O_RDWR | O_CREAT | cloexec, 0644);
+        fd = real_open64()(mem, O_RDWR | O_CREAT | cloexec, 0644);
         struct stat st {};
         if (fd >= 0 && fstat(fd, &st) == 0 && st.st_size < static_cast<off_t>(g_config.smem_len)) {
             if (ftruncate(fd, g_config.smem_len) != 0) {
@@ -335,10 +341,16 @@ unsigned int open_mode(int flags, va_list args) {
 
 extern "C" {
 
+// The definitions of the symbols open and openat, whatever the headers call
+// them.
+__attribute__((visibility("default"))) int fbstub_open(const char* path, int flags, ...) __asm__("open");
+__attribute__((visibility("default"))) int fbstub_openat(int dirfd, const char* path, int flags, ...)
+    __asm__("openat");
+
 // Lets a test make sure that it runs under the stand-in.
 __attribute__((visibility("default"))) int ovta_fbstub_present() { return 1; }
 
-__attribute__((visibility("default"))) int open(const char* path, int flags, ...) {
+int fbstub_open(const char* path, int flags, ...) {
     va_list args;
     va_start(args, flags);
     unsigned int mode = open_mode(flags, args);
@@ -366,7 +378,7 @@ __attribute__((visibility("default"))) int __open64_2(const char* path, int flag
     return fd != -2 ? fd : real_open64()(path, flags, 0u);
 }
 
-__attribute__((visibility("default"))) int openat(int dirfd, const char* path, int flags, ...) {
+int fbstub_openat(int dirfd, const char* path, int flags, ...) {
     va_list args;
     va_start(args, flags);
     unsigned int mode = open_mode(flags, args);

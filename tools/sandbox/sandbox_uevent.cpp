@@ -58,15 +58,16 @@ bool send_kernel_uevents(std::string_view payload, int copies, std::string* why)
     UniqueFd fd = uevent_socket(why);
     if (!fd.valid()) return false;
     std::vector<char> msg(NLMSG_LENGTH(payload.size()), 0);
-    auto* head = reinterpret_cast<nlmsghdr*>(msg.data());
-    head->nlmsg_len = static_cast<uint32_t>(msg.size());
-    head->nlmsg_type = NLMSG_MIN_TYPE;  // below it, the kernel takes a message for control
+    nlmsghdr head{};
+    head.nlmsg_len = static_cast<uint32_t>(msg.size());
+    head.nlmsg_type = NLMSG_MIN_TYPE;  // below it, the kernel takes a message for control
     memcpy(msg.data() + NLMSG_HDRLEN, payload.data(), payload.size());
     // The kernel handles the requests of one socket in order, so the
     // acknowledgement of the last one means that all have been sent on.
     for (int i = 1; i <= copies; ++i) {
-        head->nlmsg_flags = static_cast<uint16_t>(NLM_F_REQUEST | (i == copies ? NLM_F_ACK : 0));
-        head->nlmsg_seq = static_cast<uint32_t>(i);
+        head.nlmsg_flags = static_cast<uint16_t>(NLM_F_REQUEST | (i == copies ? NLM_F_ACK : 0));
+        head.nlmsg_seq = static_cast<uint32_t>(i);
+        memcpy(msg.data(), &head, sizeof(head));
         if (!send_to(fd.get(), msg.data(), msg.size(), 0, why)) return false;
     }
     for (;;) {
@@ -75,19 +76,21 @@ bool send_kernel_uevents(std::string_view payload, int copies, std::string* why)
             *why = "no acknowledgement from the kernel";
             return false;
         }
-        alignas(nlmsghdr) char ack[512];
+        char ack[512];
         ssize_t n = recv(fd.get(), ack, sizeof(ack), 0);
         if (n < static_cast<ssize_t>(NLMSG_LENGTH(sizeof(nlmsgerr)))) {
             *why = error_text("uevent acknowledgement", errno);
             return false;
         }
-        const auto* reply = reinterpret_cast<const nlmsghdr*>(ack);
-        const auto* err = reinterpret_cast<const nlmsgerr*>(ack + NLMSG_HDRLEN);
-        if (reply->nlmsg_type != NLMSG_ERROR || err->error != 0) {
-            *why = error_text("the kernel refused the uevent", reply->nlmsg_type == NLMSG_ERROR ? -err->error : EPROTO);
+        nlmsghdr reply{};
+        nlmsgerr err{};
+        memcpy(&reply, ack, sizeof(reply));
+        memcpy(&err, ack + NLMSG_HDRLEN, sizeof(err));
+        if (reply.nlmsg_type != NLMSG_ERROR || err.error != 0) {
+            *why = error_text("the kernel refused the uevent", reply.nlmsg_type == NLMSG_ERROR ? -err.error : EPROTO);
             return false;
         }
-        if (reply->nlmsg_seq == static_cast<uint32_t>(copies)) return true;
+        if (reply.nlmsg_seq == static_cast<uint32_t>(copies)) return true;
     }
 }
 

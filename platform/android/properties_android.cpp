@@ -1,18 +1,13 @@
-// Android: the log is liblog, the properties are libcutils.
+// Android system properties: libcutils over bionic's property service.
 #include "platform/platform.hpp"
 
-#include <android/log.h>
 #include <cutils/properties.h>
 
 namespace platform {
 
-void log_write(int priority, const char* tag, const char* text) {
-    __android_log_print(priority, tag, "%s", text);
-}
-
-void log_write_async_safe(int priority, const char* tag, const char* text) {
-    __android_log_write(priority, tag, text);
-}
+// Callers hand property_get a buffer of kPropValueMax bytes, and libcutils
+// may fill PROPERTY_VALUE_MAX of them.
+static_assert(kPropValueMax == PROPERTY_VALUE_MAX);
 
 int property_get(const char* key, char* value, const char* default_value) {
     return ::property_get(key, value, default_value);
