@@ -4,8 +4,10 @@
 set -euo pipefail
 # Build and tests; the AMT MODE picture (FreeType, DejaVu); benchmarks (Google
 # Benchmark, socat as the reference relay); fuzzing (clang with libFuzzer and
-# its sanitizer runtimes); coverage (gcovr).
+# its sanitizer runtimes); coverage (gcovr); the station's plans and records
+# (toml++, nlohmann-json).
 packages=(cmake ninja-build g++ pkg-config zlib1g-dev libgtest-dev bubblewrap iproute2 util-linux
+          libtomlplusplus-dev nlohmann-json3-dev
           libfreetype-dev fonts-dejavu-core libbenchmark-dev socat clang libclang-rt-14-dev gcovr)
 missing=()
 for p in "${packages[@]}"; do
