@@ -12,6 +12,9 @@
 namespace station {
 namespace {
 
+// Largest file an rf write takes; it writes the first len bytes of it.
+constexpr size_t kWriteFileMax = 64u << 20;
+
 struct CommandInfo {
     const char* name;
     Command command;
@@ -259,7 +262,7 @@ private:
         if (step.command == Command::kRfWrite) {
             if ((data_file != nullptr) == has_data) return fail(step.line, "rf write takes data = \"HEX\" or file = PATH");
             if (data_file != nullptr) {
-                auto bytes = file(*data_file, "file", step.len);
+                auto bytes = file(*data_file, "file", kWriteFileMax);
                 if (!bytes) return std::nullopt;
                 step.data = std::move(*bytes);
             }
