@@ -191,6 +191,7 @@ int main(int argc, char** argv) {
             (void)!read(signals.get(), &info, sizeof(info));
             if (!stopped) {
                 fprintf(stderr, "ovta-station: %s, stopping every slot\n", strsignal(static_cast<int>(info.ssi_signo)));
+                view.interrupted();
                 const uint64_t one = 1;
                 (void)!write(stop.get(), &one, sizeof(one));
                 stopped = true;

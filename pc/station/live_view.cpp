@@ -22,7 +22,7 @@ std::string elapsed(const SlotStatus& s, std::chrono::steady_clock::time_point n
 
 std::vector<std::string> table_lines(const std::vector<SlotStatus>& rows, std::chrono::steady_clock::time_point now) {
     std::vector<std::string> lines;
-    lines.push_back("slot  " + fit("device", 16) + " " + fit("board", 12) + " " + fit("step", 24) + " " +
+    lines.push_back("slot  " + fit("device", 16) + " " + fit("board", 12) + " " + fit("step", 30) + " " +
                     fit("rf", 30) + " pass fail  " + fit("time", 8) + " state");
     for (size_t i = 0; i < rows.size(); ++i) {
         const SlotStatus& s = rows[i];
@@ -36,7 +36,7 @@ std::vector<std::string> table_lines(const std::vector<SlotStatus>& rows, std::c
         snprintf(counts, sizeof(counts), "%4zu %4zu  ", s.passed, s.failed);
         std::string state = s.finished ? s.verdict : s.step == 0 ? "starting" : "running";
         lines.push_back(fit(std::to_string(i + 1), 6) + fit(s.device, 16) + " " + fit(s.board, 12) + " " +
-                        fit(step, 24) + " " + fit(rf, 30) + counts + fit(elapsed(s, now), 8) + " " + state);
+                        fit(step, 30) + " " + fit(rf, 30) + counts + fit(elapsed(s, now), 8) + " " + state);
     }
     return lines;
 }

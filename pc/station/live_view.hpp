@@ -22,6 +22,8 @@ public:
     bool terminal() const { return terminal_; }
     // Shows what changed on `board` since the last call.
     void show(StatusBoard& board);
+    // Something else was written to the terminal: the table starts afresh below it.
+    void interrupted() { drawn_ = 0; }
 
 private:
     FILE* out_;
