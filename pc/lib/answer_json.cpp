@@ -11,7 +11,7 @@ nlohmann::json judged_json(const std::string& command, const Judged& judged) {
     if (!answered) return j;
     j["result_code"] = judged.answer.result_code;
     if (judged.outcome != Outcome::kAccepted) return j;
-    if (!judged.answer.value.empty() || !judged.answer.number) j["value"] = judged.answer.value;
+    if (!judged.answer.value.empty()) j["value"] = judged.answer.value;
     if (judged.answer.number) j["number"] = *judged.answer.number;
     return j;
 }

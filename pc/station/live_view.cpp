@@ -1,5 +1,7 @@
 #include "pc/station/live_view.hpp"
 
+#include <sys/ioctl.h>
+
 #include "pc/lib/progress_bar.hpp"
 
 namespace station {
@@ -22,21 +24,22 @@ std::string elapsed(const SlotStatus& s, std::chrono::steady_clock::time_point n
 
 std::vector<std::string> table_lines(const std::vector<SlotStatus>& rows, std::chrono::steady_clock::time_point now) {
     std::vector<std::string> lines;
-    lines.push_back("slot  " + fit("device", 16) + " " + fit("board", 12) + " " + fit("step", 30) + " " +
-                    fit("rf", 30) + " pass fail  " + fit("time", 8) + " state");
+    lines.push_back("slot  " + fit("device", 14) + " " + fit("board", 12) + " " + fit("step", 28) + " " +
+                    fit("rf", 15) + " pass fail  " + fit("time", 8) + " state");
     for (size_t i = 0; i < rows.size(); ++i) {
         const SlotStatus& s = rows[i];
         std::string step = s.step == 0 ? "-" : std::to_string(s.step) + "/" + std::to_string(s.steps) + " " + s.step_name;
         std::string rf = "-";
         if (s.rf_total > 0 && !s.finished) {
+            // The bar and the percentage, without the byte counts.
             rf = tools::progress_text(s.rf_done, s.rf_total, 8);
-            rf = rf.substr(0, rf.rfind(" bytes"));
+            rf = rf.substr(0, rf.find('%') + 1);
         }
         char counts[32];
         snprintf(counts, sizeof(counts), "%4zu %4zu  ", s.passed, s.failed);
         std::string state = s.finished ? s.verdict : s.step == 0 ? "starting" : "running";
-        lines.push_back(fit(std::to_string(i + 1), 6) + fit(s.device, 16) + " " + fit(s.board, 12) + " " +
-                        fit(step, 30) + " " + fit(rf, 30) + counts + fit(elapsed(s, now), 8) + " " + state);
+        lines.push_back(fit(std::to_string(i + 1), 6) + fit(s.device, 14) + " " + fit(s.board, 12) + " " +
+                        fit(step, 28) + " " + fit(rf, 15) + counts + fit(elapsed(s, now), 8) + " " + state);
     }
     return lines;
 }
@@ -50,6 +53,13 @@ void LiveView::show(StatusBoard& board) {
         return;
     }
     std::vector<std::string> lines = table_lines(board.rows(), std::chrono::steady_clock::now());
+    // A line that wrapped would throw the redraw off by a row.
+    winsize size{};
+    if (ioctl(fileno(out_), TIOCGWINSZ, &size) == 0 && size.ws_col > 1) {
+        for (std::string& l : lines) {
+            if (l.size() >= size.ws_col) l.resize(size.ws_col - 1u);
+        }
+    }
     std::string text;
     if (drawn_ > 0) text += "\x1b[" + std::to_string(drawn_) + "A";
     for (const std::string& l : lines) text += "\r\x1b[2K" + l + "\n";
