@@ -103,9 +103,8 @@ struct ProgramRun {
     std::string out;
 };
 
-// Runs a program on the host with its output in a file; waits for its end.
-ProgramRun run_program(const std::vector<std::string>& args, const std::string& out_path) {
-    ProgramRun run;
+// Starts a program on the host with its output in a file.
+pid_t start_program(const std::vector<std::string>& args, const std::string& out_path) {
     pid_t pid = fork();
     if (pid == 0) {
         FILE* out = fopen(out_path.c_str(), "w");
@@ -121,6 +120,12 @@ ProgramRun run_program(const std::vector<std::string>& args, const std::string& 
         execv(argv[0], argv.data());
         _exit(127);
     }
+    return pid;
+}
+
+// Waits for its end and collects what it printed.
+ProgramRun finish_program(pid_t pid, const std::string& out_path) {
+    ProgramRun run;
     int status = 0;
     if (pid > 0 && waitpid(pid, &status, 0) == pid && WIFEXITED(status)) run.status = WEXITSTATUS(status);
     std::ifstream in(out_path);
@@ -128,6 +133,17 @@ ProgramRun run_program(const std::vector<std::string>& args, const std::string& 
     text << in.rdbuf();
     run.out = text.str();
     return run;
+}
+
+std::string file_text(const std::string& path) {
+    std::ifstream in(path);
+    std::stringstream text;
+    text << in.rdbuf();
+    return text.str();
+}
+
+ProgramRun run_program(const std::vector<std::string>& args, const std::string& out_path) {
+    return finish_program(start_program(args, out_path), out_path);
 }
 
 nlohmann::json read_json(const std::string& path) {
@@ -182,12 +198,15 @@ protected:
         phones_ = std::move(phones);
     }
 
-    ProgramRun station(const std::vector<std::string>& extra = {}) {
-        std::vector<std::string> args = {OVTA_BINARY_DIR "/ovta-station", dir_ + "/plan.toml", "--records",
+    std::vector<std::string> station_args(const std::string& plan) {
+        std::vector<std::string> args = {OVTA_BINARY_DIR "/ovta-station", dir_ + "/" + plan, "--records",
                                          dir_ + "/records"};
         for (auto& p : phones_) args.insert(args.end(), {"--device", p->device()});
-        args.insert(args.end(), extra.begin(), extra.end());
-        return run_program(args, dir_ + "/station.out");
+        return args;
+    }
+
+    ProgramRun station(const std::string& plan = "plan.toml") {
+        return run_program(station_args(plan), dir_ + "/station.out");
     }
 
     std::string dir_;
@@ -299,6 +318,45 @@ TEST_F(Station, FourPhonesRunOnePlanAndTheOneWhoseAgentDiesFailsAlone) {
               "  slot3 11 forwarded to wfmgr skipped step \"card\" failed\n"
               "slot4 SN-0004 12 0 0 12\n");
     EXPECT_EQ(phones_[2]->agent().wait_exit(kWait), 128 + SIGKILL);
+}
+
+// Ctrl-C while a phone's answer is awaited: the slot is stopped at once, the
+// others have finished, and every record is written. A plan that cannot run
+// ends with status 2 before any line is opened.
+TEST_F(Station, InterruptStopsTheWaitingSlotAndTheRecordsAreStillWritten) {
+    ASSERT_NO_FATAL_FAILURE(start_phones(2));
+    std::ofstream(dir_ + "/bad.toml") << "station = 12\n[[step]]\ncommand = \"card\"\nexpect = { max = -1, min = 0 }\n";
+    ProgramRun refused = station("bad.toml");
+    EXPECT_EQ(refused.status, 2);
+    EXPECT_EQ(refused.out, "ovta-station: plan refused: " + dir_ + "/bad.toml:4: min 0 is above max -1\n");
+    EXPECT_FALSE(fs::exists(dir_ + "/records"));
+
+    std::ofstream(dir_ + "/wait.toml") << "[[step]]\ncommand = \"version\"\n"
+                                          "[[step]]\ncommand = \"card\"\ntimeout_ms = 120000\n"
+                                          "[[step]]\ncommand = \"version\"\n";
+    phones_[1]->kill_agent_on_command(137);
+    const pid_t pid = start_program(station_args("wait.toml"), dir_ + "/station.out");
+    // Once the second agent is dead, its slot waits for the card's answer.
+    EXPECT_EQ(phones_[1]->agent().wait_exit(kWait), 128 + SIGKILL);
+    // And the first phone has passed its plan.
+    const std::string done = "slot 1 " + phones_[0]->device() + " step 3/3 version: pass";
+    for (int waited = 0; waited < 1000 && file_text(dir_ + "/station.out").find(done) == std::string::npos; ++waited) {
+        std::this_thread::sleep_for(10ms);
+    }
+    kill(pid, SIGINT);
+    ProgramRun run = finish_program(pid, dir_ + "/station.out");
+    EXPECT_EQ(run.status, 1) << run.out;
+    EXPECT_NE(run.out.find("1 of 2 phones passed (stopped)"), std::string::npos) << run.out;
+    nlohmann::json one = read_json(dir_ + "/records/slot-1.json");
+    EXPECT_EQ(one["verdict"], "pass");
+    nlohmann::json two = read_json(dir_ + "/records/slot-2.json");
+    EXPECT_EQ(two["verdict"], "stopped");
+    ASSERT_EQ(two["steps"].size(), 3u);
+    EXPECT_EQ(two["steps"][0]["verdict"], "pass");
+    EXPECT_EQ(two["steps"][1]["verdict"], "stopped");
+    EXPECT_EQ(two["steps"][1]["answer"]["outcome"], "stopped");
+    EXPECT_EQ(two["steps"][2]["verdict"], "not-run");
+    EXPECT_TRUE(fs::exists(dir_ + "/records/junit.xml"));
 }
 
 }  // namespace
