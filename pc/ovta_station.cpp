@@ -179,13 +179,25 @@ int main(int argc, char** argv) {
         threads.emplace_back([&, i] { records[i] = station::run_slot(*plan, setups[i], board); });
     }
 
+    // On a terminal the table is redrawn at most ten times a second however
+    // fast the slots report (an RF transfer reports every slice), and once a
+    // second for the time column; otherwise each finished step is a line.
+    using std::chrono::milliseconds;
     bool stopped = false;
+    bool dirty = false;
+    auto drawn_at = std::chrono::steady_clock::now();
     view.show(board);
     while (!all_finished(board)) {
-        pollfd p[2] = {{board.wake_fd(), POLLIN, 0}, {signals.get(), POLLIN, 0}};
-        // The time column moves on a terminal; nothing else needs a tick.
-        const int ready = poll(p, 2, view.terminal() ? 1000 : -1);
+        int timeout = -1;
+        if (view.terminal()) {
+            const auto since = std::chrono::duration_cast<milliseconds>(std::chrono::steady_clock::now() - drawn_at);
+            timeout = static_cast<int>(std::max<long long>(0, (dirty ? 100 : 1000) - since.count()));
+        }
+        // While a redraw is due anyway, the wake-up need not be watched.
+        pollfd p[2] = {{dirty && view.terminal() ? -1 : board.wake_fd(), POLLIN, 0}, {signals.get(), POLLIN, 0}};
+        const int ready = poll(p, 2, timeout);
         if (ready < 0 && errno != EINTR) break;
+        if (p[0].revents & POLLIN) dirty = true;
         if (p[1].revents & POLLIN) {
             signalfd_siginfo info{};
             (void)!read(signals.get(), &info, sizeof(info));
@@ -197,7 +209,12 @@ int main(int argc, char** argv) {
                 stopped = true;
             }
         }
-        view.show(board);
+        const auto now = std::chrono::steady_clock::now();
+        if (!view.terminal() || now - drawn_at >= milliseconds(dirty ? 100 : 1000)) {
+            if (view.terminal() || dirty) view.show(board);
+            drawn_at = now;
+            dirty = false;
+        }
     }
     for (std::thread& t : threads) t.join();
     view.show(board);
