@@ -5,9 +5,9 @@ set -euo pipefail
 # Build and tests; the AMT MODE picture (FreeType, DejaVu); benchmarks (Google
 # Benchmark, socat as the reference relay); fuzzing (clang with libFuzzer and
 # its sanitizer runtimes); coverage (gcovr); the station's plans and records
-# (toml++, nlohmann-json).
+# (toml++, nlohmann-json), and Python, whose XML parser reads them back in a test.
 packages=(cmake ninja-build g++ pkg-config zlib1g-dev libgtest-dev bubblewrap iproute2 util-linux
-          libtomlplusplus-dev nlohmann-json3-dev
+          libtomlplusplus-dev nlohmann-json3-dev python3
           libfreetype-dev fonts-dejavu-core libbenchmark-dev socat clang libclang-rt-14-dev gcovr)
 missing=()
 for p in "${packages[@]}"; do
