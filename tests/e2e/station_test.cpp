@@ -87,7 +87,7 @@ expect = { golden = "golden.bin" }
 
 [[step]]
 command = "card"
-timeout_ms = 1500
+timeout_ms = 3000
 expect = { min = 1024, max = 65536 }
 
 [[step]]
@@ -228,7 +228,7 @@ TEST_F(Station, FourPhonesRunOnePlanAndTheOneWhoseAgentDiesFailsAlone) {
     ProgramRun run = station();
     EXPECT_EQ(run.status, 1) << run.out;
     EXPECT_NE(run.out.find("3 of 4 phones passed"), std::string::npos) << run.out;
-    EXPECT_NE(run.out.find("slot 3 " + phones_[2]->device() + ": failed at \"card\": nothing came within 1500 ms"),
+    EXPECT_NE(run.out.find("slot 3 " + phones_[2]->device() + ": failed at \"card\": nothing came within 3000 ms"),
               std::string::npos)
         << run.out;
 
@@ -285,7 +285,7 @@ TEST_F(Station, FourPhonesRunOnePlanAndTheOneWhoseAgentDiesFailsAlone) {
     EXPECT_EQ(three["verdict"], "fail");
     EXPECT_EQ(three["board"], "SN-0003");
     EXPECT_EQ(three["failed_step"], "card");
-    EXPECT_EQ(three["reason"], "nothing came within 1500 ms");
+    EXPECT_EQ(three["reason"], "nothing came within 3000 ms");
     ASSERT_EQ(three["steps"].size(), 11u);
     EXPECT_EQ(three["steps"][8]["verdict"], "pass");
     EXPECT_EQ(three["steps"][9]["verdict"], "fail");
@@ -314,7 +314,7 @@ TEST_F(Station, FourPhonesRunOnePlanAndTheOneWhoseAgentDiesFailsAlone) {
               "slot1 SN-0001 12 0 0 12\n"
               "slot2 SN-0002 12 0 0 12\n"
               "slot3 SN-0003 11 1 1 11\n"
-              "  slot3 10 card failure nothing came within 1500 ms\n"
+              "  slot3 10 card failure nothing came within 3000 ms\n"
               "  slot3 11 forwarded to wfmgr skipped step \"card\" failed\n"
               "slot4 SN-0004 12 0 0 12\n");
     EXPECT_EQ(phones_[2]->agent().wait_exit(kWait), 128 + SIGKILL);
