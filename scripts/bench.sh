@@ -7,10 +7,17 @@
 # no tests) and installs what is missing, socat among it (as root, on Debian
 # bookworm, like the other scripts). Everything but the table goes to standard error.
 # Extra arguments go to ovta-line-bench (--quick: a tenth of everything;
-# --only FAMILY: one family). Figures are worth most on a quiet machine.
+# --only FAMILY: one family). Then the station: the same plan on 1 and on 8
+# phones (scripts/bench-station.sh; --only station runs it alone). Figures
+# are worth most on a quiet machine.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 scripts/install-deps.sh >&2
 cmake -S . -B build-bench -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DOVTA_BUILD_TESTS=OFF >/dev/null
-nice cmake --build build-bench -j2 --target ovta-line-bench ovta-amt ovta-bench-tcp-echo ovta-bench-pty-echo >&2
-exec build-bench/bench/line/ovta-line-bench "$@"
+nice cmake --build build-bench -j2 --target ovta-line-bench ovta-amt ovta-bench-tcp-echo ovta-bench-pty-echo \
+  ovta-station ovta-fixture wfmgr-sim >&2
+only=
+prev=
+for a in "$@"; do [ "$prev" = --only ] && only=$a; prev=$a; done
+if [ "$only" != station ]; then build-bench/bench/line/ovta-line-bench "$@"; fi
+if [ -z "$only" ] || [ "$only" = station ]; then scripts/bench-station.sh build-bench; fi

@@ -39,7 +39,7 @@
 #include <vector>
 
 #include "sandbox.hpp"
-#include "tools/lib/hex_text.hpp"
+#include "pc/lib/hex_text.hpp"
 #include "tools/lib/png_file.hpp"
 
 namespace {

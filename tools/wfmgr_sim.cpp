@@ -35,8 +35,8 @@
 #include <vector>
 
 #include "protocol/wf_msg.hpp"
-#include "tools/lib/hex_text.hpp"
-#include "tools/lib/serial_port.hpp"
+#include "pc/lib/hex_text.hpp"
+#include "pc/lib/serial_port.hpp"
 #include "process/unique_fd.hpp"
 #include "tools/lib/wf_messages.hpp"
 

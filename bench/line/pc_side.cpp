@@ -6,7 +6,7 @@
 #include <thread>
 #include <unistd.h>
 
-#include "tools/lib/pc_frame_codec.hpp"
+#include "pc/lib/pc_frame_codec.hpp"
 
 namespace linebench {
 namespace {

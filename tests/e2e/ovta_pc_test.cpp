@@ -194,5 +194,33 @@ TEST_F(OvtaPc, LineThatTakesNoBytesEndsTheCommandAtTheTimeOut) {
     EXPECT_NE(r.out.find("rf write: the command could not be written"), std::string::npos) << r.out;
 }
 
+// --json: one object per command, the decoded fields by name; a frame of
+// another number is kept beside the answer.
+TEST_F(OvtaPc, JsonGivesTheDecodedAnswerAsOneObject) {
+    PcRun version = exchange({"--json", "version", "1"}, kVersion1, concat({kPreResponse, kFrame101, kAnswer46}));
+    EXPECT_EQ(version.status, 0);
+    EXPECT_EQ(version.out,
+              "{\"command\":\"version\",\"other_frames\":[\"AA BB CC DD 10 00 00 00 02 00 00 00 65 00 00 00 01 02 03 "
+              "04 BA F8 D9 D7\"],\"outcome\":\"accepted\",\"result_code\":0,\"text\":\"version: 0\",\"value\":\"0\"}\n");
+
+    // Command 89 for station 12; response 90: result 1, description "ok".
+    PcRun result = exchange({"--json", "result", "get", "12"},
+                            hex("AA BB CC DD 10 00 00 00 02 00 00 00 59 00 00 00 0C 00 00 00 C4 46 03 10"),
+                            concat({kPreResponse, hex("AA BB CC DD 16 00 00 00 02 00 00 00 5A 00 00 00 00 00 00 00 "
+                                                      "01 00 00 00 6F 6B 7B E5 F7 EE")}));
+    EXPECT_EQ(result.out,
+              "{\"command\":\"station 12\",\"number\":1,\"outcome\":\"accepted\",\"result_code\":0,"
+              "\"text\":\"station 12: result 1, description ok\",\"value\":\"ok\"}\n");
+
+    PcRun rf = exchange({"--json", "rf", "read", "1", "0", "4"}, kReadSlice1, concat({kPreResponse, kData1234}));
+    EXPECT_EQ(rf.out, "{\"bytes\":4,\"command\":\"rf read\",\"data\":\"01 02 03 04\",\"outcome\":\"accepted\","
+                      "\"text\":\"rf read: 4 bytes\"}\n");
+
+    PcRun nothing = exchange({"--json", "card"}, hex("AA BB CC DD 0C 00 00 00 02 00 00 00 89 00 00 00 7A 54 3C 34"),
+                             {}, "200");
+    EXPECT_EQ(nothing.status, 2);
+    EXPECT_EQ(nothing.out, "{\"command\":\"card\",\"outcome\":\"nothing\",\"text\":\"nothing came\"}\n");
+}
+
 }  // namespace
 }  // namespace e2e

@@ -10,7 +10,7 @@
 #include <vector>
 
 #include "sandbox.hpp"
-#include "tools/lib/hex_text.hpp"
+#include "pc/lib/hex_text.hpp"
 
 namespace e2e {
 

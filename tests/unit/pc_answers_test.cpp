@@ -8,10 +8,10 @@
 #include <string>
 #include <vector>
 
-#include "tools/lib/hex_text.hpp"
-#include "tools/lib/pc_answers.hpp"
-#include "tools/lib/pc_frame_codec.hpp"
-#include "tools/lib/pc_requests.hpp"
+#include "pc/lib/hex_text.hpp"
+#include "pc/lib/pc_answers.hpp"
+#include "pc/lib/pc_frame_codec.hpp"
+#include "pc/lib/pc_requests.hpp"
 
 namespace {
 

@@ -5,7 +5,7 @@
 #include <gtest/gtest.h>
 #include <vector>
 
-#include "tools/lib/pc_frame_codec.hpp"
+#include "pc/lib/pc_frame_codec.hpp"
 
 namespace {
 

@@ -6,7 +6,7 @@
 #include <gtest/gtest.h>
 #include <vector>
 
-#include "tools/lib/hex_text.hpp"
+#include "pc/lib/hex_text.hpp"
 #include "tools/lib/wf_messages.hpp"
 
 namespace {

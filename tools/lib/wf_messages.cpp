@@ -7,7 +7,7 @@
 #include "process/bytes.hpp"
 #include "protocol/wf_dispatch.hpp"
 #include "protocol/wf_msg.hpp"
-#include "tools/lib/hex_text.hpp"
+#include "pc/lib/hex_text.hpp"
 
 namespace tools {
 

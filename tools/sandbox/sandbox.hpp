@@ -8,12 +8,14 @@
 //   WfmgrPeer                 wfmgr's end of TCP port 8030
 //   send_kernel_uevent()      a USB uevent as the kernel sends it, and
 //   send_user_uevent()        one sent by a process, which must not count
+//   FixturePhone              a phone of a station's fixture, in a network of its own
 //
 // The phone also carries a test charger library (built by CMake as
 // amt_test_charger) that records its calls.
 #pragma once
 
 #include "sandbox_daemon.hpp"
+#include "sandbox_fixture.hpp"
 #include "sandbox_io.hpp"
 #include "sandbox_netns.hpp"
 #include "sandbox_pc_line.hpp"

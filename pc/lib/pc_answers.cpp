@@ -1,11 +1,11 @@
-#include "tools/lib/pc_answers.hpp"
+#include "pc/lib/pc_answers.hpp"
 
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
 
 #include "process/bytes.hpp"
-#include "tools/lib/hex_text.hpp"
+#include "pc/lib/hex_text.hpp"
 
 namespace tools {
 
@@ -107,7 +107,9 @@ Answer version_answer(std::span<const uint8_t> body) {
     if (!sized(body, 8, 8 + kVersionMax)) return malformed(subject, body.size(), "8 to 72");
     const uint32_t code = result_of(body);
     if (code != kDone) return refused(subject, code);
-    return accepted("version: " + shown(body.subspan(8)));
+    Answer a = accepted("version: " + shown(body.subspan(8)));
+    a.value = shown(up_to_zero(body.subspan(8)));
+    return a;
 }
 
 Answer read_table_answer(std::span<const uint8_t> body, uint32_t len) {
@@ -138,7 +140,9 @@ Answer read_date_answer(std::span<const uint8_t> body) {
     if (body.size() != 4 + kDateField) return malformed(subject, body.size(), "16");
     const uint32_t code = result_of(body);
     if (code != kDone) return refused(subject, code);
-    return accepted("production date: " + shown(up_to_zero(body.subspan(4))));
+    Answer a = accepted("production date: " + shown(up_to_zero(body.subspan(4))));
+    a.value = shown(up_to_zero(body.subspan(4)));
+    return a;
 }
 
 Answer write_date_answer(std::span<const uint8_t> body) { return result_only(body, "production date written"); }
@@ -148,7 +152,9 @@ Answer read_board_answer(std::span<const uint8_t> body) {
     if (!sized(body, 4, 4 + kBoardMax)) return malformed(subject, body.size(), "4 to 24");
     const uint32_t code = result_of(body);
     if (code != kDone) return refused(subject, code);
-    return accepted("board number: " + shown(body.subspan(4)));
+    Answer a = accepted("board number: " + shown(body.subspan(4)));
+    a.value = shown(up_to_zero(body.subspan(4)));
+    return a;
 }
 
 Answer write_board_answer(std::span<const uint8_t> body) { return result_only(body, "board number written"); }
@@ -165,8 +171,12 @@ Answer read_result_answer(std::span<const uint8_t> body, uint32_t site_no) {
     if (code != kDone) return refused(subject, code);
     const uint32_t station_result = bytes::get_le32(body, 4);
     std::span<const uint8_t> description = body.subspan(8);
-    if (description.empty()) return accepted(format("station %u: result %u, no description", site_no, station_result));
-    return accepted(format("station %u: result %u, description ", site_no, station_result) + shown(description));
+    Answer a = description.empty()
+                   ? accepted(format("station %u: result %u, no description", site_no, station_result))
+                   : accepted(format("station %u: result %u, description ", site_no, station_result) + shown(description));
+    a.value = shown(description);
+    a.number = station_result;
+    return a;
 }
 
 Answer write_result_answer(std::span<const uint8_t> body, uint32_t site_no) {
@@ -178,7 +188,9 @@ Answer card_answer(std::span<const uint8_t> body) {
     if (body.size() != 8) return malformed(subject, body.size(), "8");
     const uint32_t code = result_of(body);
     if (code != kDone) return refused(subject, code, code == kFailed ? "no card measured" : nullptr);
-    return accepted(format("card: %u KiB", bytes::get_le32(body, 4)));
+    Answer a = accepted(format("card: %u KiB", bytes::get_le32(body, 4)));
+    a.number = bytes::get_le32(body, 4);
+    return a;
 }
 
 }  // namespace tools

@@ -1,4 +1,4 @@
-#include "tools/lib/pc_frame_codec.hpp"
+#include "pc/lib/pc_frame_codec.hpp"
 
 #include <algorithm>
 #include <cstdio>
@@ -6,7 +6,7 @@
 
 #include "process/bytes.hpp"
 #include "protocol/pc_frame.hpp"
-#include "tools/lib/hex_text.hpp"
+#include "pc/lib/hex_text.hpp"
 
 namespace tools {
 

@@ -22,14 +22,15 @@
 #include <termios.h>
 #include <vector>
 
-#include "tools/lib/hex_text.hpp"
-#include "tools/lib/pc_answers.hpp"
-#include "tools/lib/pc_exchange.hpp"
-#include "tools/lib/pc_requests.hpp"
-#include "tools/lib/progress_bar.hpp"
-#include "tools/lib/serial_port.hpp"
-#include "tools/lib/table_transfer.hpp"
-#include "tools/lib/whole_file.hpp"
+#include "pc/lib/answer_json.hpp"
+#include "pc/lib/hex_text.hpp"
+#include "pc/lib/pc_answers.hpp"
+#include "pc/lib/pc_exchange.hpp"
+#include "pc/lib/pc_requests.hpp"
+#include "pc/lib/progress_bar.hpp"
+#include "pc/lib/serial_port.hpp"
+#include "pc/lib/table_transfer.hpp"
+#include "pc/lib/whole_file.hpp"
 
 namespace {
 
@@ -54,7 +55,7 @@ constexpr size_t kDescriptionMax = 498 - 2 - 23;
 constexpr size_t kDumpMax = 256;
 
 const char kUsage[] =
-    "usage: ovta-pc [--device PATH] [--timeout MS] [--raw] COMMAND ...\n"
+    "usage: ovta-pc [--device PATH] [--timeout MS] [--raw | --json] COMMAND ...\n"
     "\n"
     "Commands the agent answers itself, each with an example:\n"
     "  enter-amt NAME [MODE]          enter AMT with wf_name NAME (MODE 0 by default; 4 rewrites the\n"
@@ -89,6 +90,9 @@ const char kUsage[] =
     "  --slice N       bytes per frame of an RF transfer, 1 to 40928 (default 32768); a transfer of\n"
     "                  more than one slice draws a progress bar on stderr\n"
     "  --raw           also show every frame in hex, and the bytes skipped outside frames\n"
+    "  --json          print the decoded answer as one JSON object on one line instead: \"command\",\n"
+    "                  \"outcome\", \"text\", \"result_code\", and \"value\", \"number\", \"bytes\", \"data\"\n"
+    "                  (hex), \"answer\" (a frame of send) and \"other_frames\" where they belong\n"
     "\n"
     "Exit status: 0 accepted, 1 only the pre-response came, 2 nothing came, 3 usage or device error,\n"
     "4 refused (result 10, or 1 of enter-amt), 5 no such station (result get), 6 malformed answer\n";
@@ -97,6 +101,7 @@ struct Options {
     std::string device = "/dev/ttyGS3";
     long timeout_ms = 3000;
     bool raw = false;
+    bool json = false;
     bool no_response = false;
     bool help = false;
     std::optional<uint32_t> slice;
@@ -166,6 +171,8 @@ std::optional<Options> parse_args(int argc, char** argv) {
             opt.help = true;
         } else if (arg == "--raw") {
             opt.raw = true;
+        } else if (arg == "--json") {
+            opt.json = true;
         } else if (arg == "--no-response") {
             opt.no_response = true;
         } else if (arg == "--device" && has_value) {
@@ -200,6 +207,10 @@ std::optional<Options> parse_args(int argc, char** argv) {
             opt.words.push_back(arg);
         }
     }
+    if (opt.raw && opt.json) {
+        fail("--raw and --json do not go together");
+        return std::nullopt;
+    }
     return opt;
 }
 
@@ -228,6 +239,7 @@ int exit_of(tools::Outcome outcome) {
         case tools::Outcome::kPreResponseOnly: return kExitPreResponseOnly;
         case tools::Outcome::kNothing: return kExitNothing;
         case tools::Outcome::kLineFailed: return kExitUsage;
+        case tools::Outcome::kStopped: return kExitUsage;
     }
     return kExitUsage;
 }
@@ -243,7 +255,9 @@ public:
         tools::Exchange ex = link_.exchange(cmd, body, timeout());
         show(ex);
         tools::Judged j = tools::judge(ex, read);
-        if (j.outcome == tools::Outcome::kLineFailed || j.outcome == tools::Outcome::kPreResponseOnly ||
+        if (opt_.json) {
+            print_json(tools::judged_json(name, j));
+        } else if (j.outcome == tools::Outcome::kLineFailed || j.outcome == tools::Outcome::kPreResponseOnly ||
             j.outcome == tools::Outcome::kNothing) {
             printf("%s: %s\n", name, why_none(j.outcome, j.answer.text).c_str());
         } else {
@@ -259,10 +273,11 @@ public:
             fail("cannot write to %s: %s", opt_.device.c_str(), strerror(errno));
             return kExitUsage;
         }
-        printf("sent: cmd %u, %zu body bytes, %zu bytes on the line\n", cmd, body.size(), ex.sent.size());
+        if (!opt_.json) printf("sent: cmd %u, %zu body bytes, %zu bytes on the line\n", cmd, body.size(), ex.sent.size());
         show(ex);
-        if (ex.pre_response()) printf("pre-response: OK\n");
         std::optional<tools::DecodedPcFrame> answer = ex.answer();
+        if (opt_.json) return send_json(cmd, ex, answer);
+        if (ex.pre_response()) printf("pre-response: OK\n");
         if (answer) {
             printf("response:\n");
             print_indented(tools::describe_pc_frame(*answer));
@@ -315,9 +330,9 @@ public:
             fail("cannot write %s: %s", opt_.out_path->c_str(), strerror(errno));
             return finish_code(kExitUsage);
         }
-        report_transfer("rf read", range, end);
+        report_transfer("rf read", range, end, file ? nullptr : &shown);
         if (!file) {
-            dump(shown, end.done);
+            if (!opt_.json) dump(shown, end.done);
             return finish(end.outcome);
         }
         // The bytes of a read that the table file's end cut short are good
@@ -325,11 +340,11 @@ public:
         const bool whole = end.outcome == tools::Outcome::kAccepted ||
                            (end.outcome == tools::Outcome::kRefused && end.done > 0);
         if (!whole) {
-            printf("%s left as it was\n", opt_.out_path->c_str());
+            if (!opt_.json) printf("%s left as it was\n", opt_.out_path->c_str());
         } else if (!file->commit(&error)) {
             fail("%s", error.c_str());
             return finish_code(kExitUsage);
-        } else {
+        } else if (!opt_.json) {
             printf("kept %zu bytes in %s\n", end.done, opt_.out_path->c_str());
         }
         return finish(end.outcome);
@@ -357,7 +372,14 @@ private:
         return text + " within " + std::to_string(opt_.timeout_ms) + " ms";
     }
 
-    void report_transfer(const char* name, const tools::TableRange& range, const tools::TransferEnd& end) {
+    void report_transfer(const char* name, const tools::TableRange& range, const tools::TransferEnd& end,
+                         const std::vector<uint8_t>* data = nullptr) {
+        if (opt_.json) {
+            nlohmann::json j = tools::transfer_json(name, end);
+            if (data != nullptr) j["data"] = tools::to_hex(*data);
+            print_json(std::move(j));
+            return;
+        }
         const bool one_slice = range.len <= range.slice;
         if (end.outcome == tools::Outcome::kAccepted) {
             if (one_slice) {
@@ -385,8 +407,15 @@ private:
         if (total > shown.size()) printf("  ... %zu more bytes; --out FILE keeps them all\n", total - shown.size());
     }
 
-    // Frames that came beside the answer, and with --raw everything.
+    // Frames that came beside the answer, and with --raw everything. With
+    // --json they are kept for the JSON object instead.
     void show(const tools::Exchange& ex) {
+        if (opt_.json) {
+            for (const tools::SeenFrame& f : ex.frames) {
+                if (f.role == tools::FrameRole::kOther) other_frames_.push_back(tools::to_hex(f.bytes));
+            }
+            return;
+        }
         if (opt_.raw && !ex.sent.empty()) printf("raw sent: %s\n", tools::to_hex(ex.sent).c_str());
         for (const tools::SeenFrame& f : ex.frames) {
             if (opt_.raw) printf("raw recv: %s\n", tools::to_hex(f.bytes).c_str());
@@ -396,6 +425,33 @@ private:
                    d ? first_line(tools::describe_pc_frame(*d)).c_str() : tools::to_hex(f.bytes).c_str());
         }
         fflush(stdout);
+    }
+
+    void print_json(nlohmann::json j) {
+        if (!other_frames_.empty()) j["other_frames"] = other_frames_;
+        printf("%s\n", j.dump().c_str());
+    }
+
+    int send_json(uint32_t cmd, const tools::Exchange& ex, const std::optional<tools::DecodedPcFrame>& answer) {
+        int code = kExitAccepted;
+        const char* outcome = "accepted";
+        if (ex.line_failed) {
+            code = kExitUsage;
+            outcome = "line-failed";
+        } else if (opt_.no_response) {
+            code = ex.pre_response() ? kExitAccepted : kExitNothing;
+            outcome = ex.pre_response() ? "accepted" : "nothing";
+        } else if (answer) {
+            code = answer->crc_ok() ? kExitAccepted : kExitMalformed;
+            outcome = answer->crc_ok() ? "accepted" : "malformed";
+        } else {
+            code = ex.pre_response() ? kExitPreResponseOnly : kExitNothing;
+            outcome = ex.pre_response() ? "pre-response-only" : "nothing";
+        }
+        nlohmann::json j = {{"command", "send"}, {"cmd", cmd}, {"outcome", outcome}, {"pre_response", ex.pre_response()}};
+        if (answer) j["answer"] = tools::frame_json(*answer);
+        print_json(std::move(j));
+        return finish_code(code);
     }
 
     static void print_indented(const std::string& text) {
@@ -411,13 +467,14 @@ private:
     int finish(tools::Outcome outcome) { return finish_code(exit_of(outcome)); }
 
     int finish_code(int code) {
-        if (opt_.raw && link_.skipped() != 0) printf("skipped: %zu bytes outside frames\n", link_.skipped());
+        if (opt_.raw && !opt_.json && link_.skipped() != 0) printf("skipped: %zu bytes outside frames\n", link_.skipped());
         fflush(stdout);
         return code;
     }
 
     const Options& opt_;
     tools::PcLink link_;
+    std::vector<std::string> other_frames_;  // --json: frames that were not the answers, in hex
 };
 
 // A text stored by the agent: warns when a read will give back less of it.

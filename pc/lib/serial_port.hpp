@@ -20,12 +20,15 @@ UniqueFd open_raw_serial(const std::string& path, std::string* error);
 // Writes every byte. False on an error.
 bool write_all(int fd, std::span<const uint8_t> bytes);
 // The same, but false also when the line takes no more bytes before the
-// deadline (the other end reads nothing), so that the writer cannot hang.
-bool write_all(int fd, std::span<const uint8_t> bytes, Deadline deadline);
+// deadline (the other end reads nothing), or `stop_fd` (when not -1) becomes
+// readable, so that the writer cannot hang.
+bool write_all(int fd, std::span<const uint8_t> bytes, Deadline deadline, int stop_fd = -1);
 
 // Waits for bytes until the deadline and reads what is there, at most
 // buf.size(). Returns the count, 0 when the deadline passed, -1 on an error
-// or when the other end is gone.
-long read_some(int fd, std::span<uint8_t> buf, Deadline deadline);
+// or when the other end is gone. A readable `stop_fd` (when not -1) ends the
+// wait at once with kStopped.
+constexpr long kStopped = -2;
+long read_some(int fd, std::span<uint8_t> buf, Deadline deadline, int stop_fd = -1);
 
 }  // namespace tools

@@ -1,4 +1,4 @@
-#include "tools/lib/whole_file.hpp"
+#include "pc/lib/whole_file.hpp"
 
 #include <cerrno>
 #include <cstdio>

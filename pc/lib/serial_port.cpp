@@ -1,4 +1,4 @@
-#include "tools/lib/serial_port.hpp"
+#include "pc/lib/serial_port.hpp"
 
 #include <algorithm>
 #include <cerrno>
@@ -6,6 +6,7 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <termios.h>
+#include <cstdint>
 
 namespace tools {
 
@@ -33,7 +34,7 @@ UniqueFd open_raw_serial(const std::string& path, std::string* error) {
     return fd;
 }
 
-bool write_all(int fd, std::span<const uint8_t> bytes, Deadline deadline) {
+bool write_all(int fd, std::span<const uint8_t> bytes, Deadline deadline, int stop_fd) {
     size_t done = 0;
     while (done < bytes.size()) {
         ssize_t n = write(fd, bytes.data() + done, bytes.size() - done);
@@ -45,10 +46,12 @@ bool write_all(int fd, std::span<const uint8_t> bytes, Deadline deadline) {
         if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) {
             auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
             if (left.count() <= 0) return false;
-            pollfd p{fd, POLLOUT, 0};
-            if (poll(&p, 1, static_cast<int>(std::min<long long>(left.count(), 1000))) < 0 && errno != EINTR) {
+            pollfd p[2] = {{fd, POLLOUT, 0}, {stop_fd, POLLIN, 0}};
+            if (poll(p, stop_fd >= 0 ? 2 : 1, static_cast<int>(std::min<long long>(left.count(), 1000))) < 0 &&
+                errno != EINTR) {
                 return false;
             }
+            if (stop_fd >= 0 && (p[1].revents & POLLIN)) return false;
             continue;
         }
         return false;
@@ -56,17 +59,18 @@ bool write_all(int fd, std::span<const uint8_t> bytes, Deadline deadline) {
     return true;
 }
 
-long read_some(int fd, std::span<uint8_t> buf, Deadline deadline) {
+long read_some(int fd, std::span<uint8_t> buf, Deadline deadline, int stop_fd) {
     for (;;) {
         auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
         if (left.count() <= 0) return 0;
-        pollfd p{fd, POLLIN, 0};
-        int ready = poll(&p, 1, static_cast<int>(left.count()));
+        pollfd p[2] = {{fd, POLLIN, 0}, {stop_fd, POLLIN, 0}};
+        int ready = poll(p, stop_fd >= 0 ? 2 : 1, static_cast<int>(std::min<long long>(left.count(), INT32_MAX)));
         if (ready < 0) {
             if (errno == EINTR) continue;
             return -1;
         }
         if (ready == 0) return 0;
+        if (stop_fd >= 0 && (p[1].revents & POLLIN)) return kStopped;
         ssize_t n = read(fd, buf.data(), buf.size());
         if (n > 0) return static_cast<long>(n);
         if (n < 0 && (errno == EINTR || errno == EAGAIN || errno == EWOULDBLOCK)) continue;

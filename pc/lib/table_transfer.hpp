@@ -12,7 +12,7 @@
 #include <functional>
 #include <span>
 
-#include "tools/lib/pc_exchange.hpp"
+#include "pc/lib/pc_exchange.hpp"
 
 namespace tools {
 

@@ -1,4 +1,4 @@
-#include "tools/lib/hex_text.hpp"
+#include "pc/lib/hex_text.hpp"
 
 namespace tools {
 

@@ -1,4 +1,4 @@
-#include "tools/lib/progress_bar.hpp"
+#include "pc/lib/progress_bar.hpp"
 
 #include <algorithm>
 

@@ -19,8 +19,8 @@
 #include <span>
 #include <vector>
 
-#include "tools/lib/pc_answers.hpp"
-#include "tools/lib/pc_frame_codec.hpp"
+#include "pc/lib/pc_answers.hpp"
+#include "pc/lib/pc_frame_codec.hpp"
 
 namespace tools {
 
@@ -35,6 +35,7 @@ struct Exchange {
     std::vector<uint8_t> sent;  // the command frame as written
     bool write_failed = false;  // also when the line took it too slowly
     bool line_failed = false;  // a read failed or the line went away
+    bool stopped = false;      // the link's stop descriptor ended the wait
     std::vector<SeenFrame> frames;  // everything that came, in order
 
     bool pre_response() const;
@@ -66,7 +67,13 @@ enum class Outcome {
     kPreResponseOnly,  // the agent acknowledged the frame but sent no answer in time
     kNothing,          // not even the pre-response came in time
     kLineFailed,       // the line could not be written or read
+    kStopped,          // the PC was told to stop before the answer came
 };
+
+// A short name of the outcome for records: "accepted", "refused",
+// "no-station", "malformed", "pre-response-only", "nothing", "line-failed",
+// "stopped".
+const char* outcome_name(Outcome outcome);
 
 using AnswerReader = std::function<Answer(std::span<const uint8_t> body)>;
 
@@ -80,8 +87,9 @@ Judged judge(const Exchange& exchange, const AnswerReader& read);
 
 class PcLink {
 public:
-    // Uses `fd`, which stays the caller's.
-    explicit PcLink(int fd) : fd_(fd) {}
+    // Uses `fd`, which stays the caller's. A readable `stop_fd` (when not -1)
+    // ends any exchange at once, as stopped; it also stays the caller's.
+    explicit PcLink(int fd, int stop_fd = -1) : fd_(fd), stop_fd_(stop_fd) {}
 
     // Writes the frame of `cmd` with `body` and collects what comes until the
     // pre-response and the answer are there (only the pre-response when
@@ -89,11 +97,14 @@ public:
     Exchange exchange(uint32_t cmd, std::span<const uint8_t> body, std::chrono::milliseconds timeout,
                       bool want_answer = true);
 
+    // Whether the stop descriptor is readable.
+    bool stopped() const;
     // Bytes skipped outside frames so far.
     size_t skipped() const { return cutter_.skipped(); }
 
 private:
     int fd_;
+    int stop_fd_;
     PcFrameCutter cutter_;
 };
 

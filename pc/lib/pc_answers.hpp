@@ -10,6 +10,7 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <span>
 #include <string>
 #include <vector>
@@ -28,6 +29,10 @@ struct Answer {
     uint32_t result_code = 0;
     std::string text;           // one line, without a line end
     std::vector<uint8_t> data;  // table read: the bytes that came
+    // What an accepted read carries: the version, date, board number or
+    // description as printable text, and the card's KiB or a station's result.
+    std::string value;
+    std::optional<uint32_t> number;
 };
 
 // 18. amt_mode of the request: in mode 4 the agent rewrote its AMT path

@@ -1,4 +1,4 @@
-#include "tools/lib/pc_requests.hpp"
+#include "pc/lib/pc_requests.hpp"
 
 #include "process/bytes.hpp"
 

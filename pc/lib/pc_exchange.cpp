@@ -1,8 +1,9 @@
-#include "tools/lib/pc_exchange.hpp"
+#include "pc/lib/pc_exchange.hpp"
 
 #include <cstdio>
+#include <poll.h>
 
-#include "tools/lib/serial_port.hpp"
+#include "pc/lib/serial_port.hpp"
 
 namespace tools {
 
@@ -20,8 +21,27 @@ std::optional<DecodedPcFrame> Exchange::answer() const {
     return std::nullopt;
 }
 
+const char* outcome_name(Outcome outcome) {
+    switch (outcome) {
+        case Outcome::kAccepted: return "accepted";
+        case Outcome::kRefused: return "refused";
+        case Outcome::kNoStation: return "no-station";
+        case Outcome::kMalformed: return "malformed";
+        case Outcome::kPreResponseOnly: return "pre-response-only";
+        case Outcome::kNothing: return "nothing";
+        case Outcome::kLineFailed: return "line-failed";
+        case Outcome::kStopped: return "stopped";
+    }
+    return "nothing";
+}
+
 Judged judge(const Exchange& exchange, const AnswerReader& read) {
     Judged out;
+    if (exchange.stopped) {
+        out.outcome = Outcome::kStopped;
+        out.answer.text = "stopped before the answer came";
+        return out;
+    }
     if (exchange.write_failed || exchange.line_failed) {
         out.outcome = Outcome::kLineFailed;
         out.answer.text = exchange.write_failed ? "the command could not be written" : "the line failed";
@@ -51,6 +71,12 @@ Judged judge(const Exchange& exchange, const AnswerReader& read) {
     return out;
 }
 
+bool PcLink::stopped() const {
+    if (stop_fd_ < 0) return false;
+    pollfd p{stop_fd_, POLLIN, 0};
+    return poll(&p, 1, 0) == 1;
+}
+
 FrameRole AnswerMatcher::take(std::span<const uint8_t> frame) {
     if (!pre_response_ && is_pre_response(frame)) {
         pre_response_ = true;
@@ -73,8 +99,9 @@ Exchange PcLink::exchange(uint32_t cmd, std::span<const uint8_t> body, std::chro
     }
     out.sent = std::move(*frame);
     const Deadline deadline = std::chrono::steady_clock::now() + timeout;
-    if (!write_all(fd_, out.sent, deadline)) {
+    if (!write_all(fd_, out.sent, deadline, stop_fd_)) {
         out.write_failed = true;
+        out.stopped = stopped();
         return out;
     }
     AnswerMatcher matcher(cmd + 1);
@@ -86,8 +113,12 @@ Exchange PcLink::exchange(uint32_t cmd, std::span<const uint8_t> body, std::chro
             out.frames.push_back({role, std::move(*got)});
             if (matcher.pre_response() && (matcher.answered() || !want_answer)) return out;
         }
-        long n = read_some(fd_, buf, deadline);
+        long n = read_some(fd_, buf, deadline, stop_fd_);
         if (n == 0) break;
+        if (n == kStopped) {
+            out.stopped = true;
+            break;
+        }
         if (n < 0) {
             out.line_failed = true;
             break;

@@ -1,8 +1,8 @@
-#include "tools/lib/table_transfer.hpp"
+#include "pc/lib/table_transfer.hpp"
 
 #include <algorithm>
 
-#include "tools/lib/pc_requests.hpp"
+#include "pc/lib/pc_requests.hpp"
 
 namespace tools {
 

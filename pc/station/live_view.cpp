@@ -1,0 +1,71 @@
+#include "pc/station/live_view.hpp"
+
+#include <sys/ioctl.h>
+
+#include "pc/lib/progress_bar.hpp"
+
+namespace station {
+namespace {
+
+std::string fit(const std::string& text, size_t width) {
+    if (text.size() <= width) return text + std::string(width - text.size(), ' ');
+    return text.substr(0, width - 1) + "~";
+}
+
+std::string elapsed(const SlotStatus& s, std::chrono::steady_clock::time_point now) {
+    if (s.started == std::chrono::steady_clock::time_point{}) return "";
+    const auto end = s.finished ? s.ended : now;
+    char text[16];
+    snprintf(text, sizeof(text), "%.1f s", std::chrono::duration<double>(end - s.started).count());
+    return text;
+}
+
+}  // namespace
+
+std::vector<std::string> table_lines(const std::vector<SlotStatus>& rows, std::chrono::steady_clock::time_point now) {
+    std::vector<std::string> lines;
+    lines.push_back("slot  " + fit("device", 14) + " " + fit("board", 12) + " " + fit("step", 28) + " " +
+                    fit("rf", 15) + " pass fail  " + fit("time", 8) + " state");
+    for (size_t i = 0; i < rows.size(); ++i) {
+        const SlotStatus& s = rows[i];
+        std::string step = s.step == 0 ? "-" : std::to_string(s.step) + "/" + std::to_string(s.steps) + " " + s.step_name;
+        std::string rf = "-";
+        if (s.rf_total > 0 && !s.finished) {
+            // The bar and the percentage, without the byte counts.
+            rf = tools::progress_text(s.rf_done, s.rf_total, 8);
+            rf = rf.substr(0, rf.find('%') + 1);
+        }
+        char counts[32];
+        snprintf(counts, sizeof(counts), "%4zu %4zu  ", s.passed, s.failed);
+        std::string state = s.finished ? s.verdict : s.step == 0 ? "starting" : "running";
+        lines.push_back(fit(std::to_string(i + 1), 6) + fit(s.device, 14) + " " + fit(s.board, 12) + " " +
+                        fit(step, 28) + " " + fit(rf, 15) + counts + fit(elapsed(s, now), 8) + " " + state);
+    }
+    return lines;
+}
+
+void LiveView::show(StatusBoard& board) {
+    board.clear_wake();
+    std::vector<StepLine> finished = board.take_lines();
+    if (!terminal_) {
+        for (const StepLine& l : finished) fprintf(out_, "%s\n", l.text.c_str());
+        fflush(out_);
+        return;
+    }
+    std::vector<std::string> lines = table_lines(board.rows(), std::chrono::steady_clock::now());
+    // A line that wrapped would throw the redraw off by a row.
+    winsize size{};
+    if (ioctl(fileno(out_), TIOCGWINSZ, &size) == 0 && size.ws_col > 1) {
+        for (std::string& l : lines) {
+            if (l.size() >= size.ws_col) l.resize(size.ws_col - 1u);
+        }
+    }
+    std::string text;
+    if (drawn_ > 0) text += "\x1b[" + std::to_string(drawn_) + "A";
+    for (const std::string& l : lines) text += "\r\x1b[2K" + l + "\n";
+    fputs(text.c_str(), out_);
+    fflush(out_);
+    drawn_ = lines.size();
+}
+
+}  // namespace station
