@@ -16,7 +16,6 @@
 #include <csignal>
 #include <cstdio>
 #include <cstring>
-#include <ctime>
 #include <glob.h>
 #include <poll.h>
 #include <string>
@@ -28,6 +27,7 @@
 #include <vector>
 
 #include "pc/station/live_view.hpp"
+#include "pc/station/utc_text.hpp"
 #include "pc/station/plan.hpp"
 #include "pc/station/records.hpp"
 #include "pc/station/slot_runner.hpp"
@@ -78,15 +78,6 @@ bool add_devices(const std::string& pattern, std::vector<std::string>* out) {
     }
     globfree(&matches);
     return r == 0;
-}
-
-std::string today_utc() {
-    char text[16];
-    const time_t now = time(nullptr);
-    tm parts{};
-    gmtime_r(&now, &parts);
-    strftime(text, sizeof(text), "%Y-%m-%d", &parts);
-    return text;
 }
 
 bool all_finished(const station::StatusBoard& board) {
@@ -162,7 +153,7 @@ int main(int argc, char** argv) {
     const auto start = std::chrono::steady_clock::now();
     std::vector<station::SlotStatus> rows(slots);
     std::vector<station::SlotSetup> setups(slots);
-    const std::string today = today_utc();
+    const std::string today = station::utc_date();
     for (size_t i = 0; i < slots; ++i) {
         rows[i].device = opt.devices[i];
         rows[i].board = plan->boards.empty() ? "" : plan->boards[i];

@@ -1,7 +1,6 @@
 #include "pc/station/slot_runner.hpp"
 
 #include <chrono>
-#include <ctime>
 #include <termios.h>
 
 #include "pc/lib/answer_json.hpp"
@@ -12,6 +11,7 @@
 #include "pc/lib/serial_port.hpp"
 #include "pc/lib/table_transfer.hpp"
 #include "pc/station/expectation.hpp"
+#include "pc/station/utc_text.hpp"
 
 namespace station {
 namespace {
@@ -20,15 +20,6 @@ using Clock = std::chrono::steady_clock;
 
 // Data bytes kept in a record as hex; a longer transfer keeps its count only.
 constexpr size_t kRecordDataMax = 4096;
-
-std::string utc_now() {
-    char text[32];
-    const time_t now = time(nullptr);
-    tm parts{};
-    gmtime_r(&now, &parts);
-    strftime(text, sizeof(text), "%Y-%m-%dT%H:%M:%SZ", &parts);
-    return text;
-}
 
 double seconds_since(Clock::time_point start) {
     return std::chrono::duration<double>(Clock::now() - start).count();
@@ -64,7 +55,7 @@ public:
         record_.slot = setup_.slot;
         record_.device = setup_.device;
         record_.board = setup_.board;
-        record_.started = utc_now();
+        record_.started = utc_time_stamp();
         std::string error;
         UniqueFd fd = tools::open_raw_serial(setup_.device, &error);
         if (!fd.valid()) {
