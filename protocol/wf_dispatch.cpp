@@ -25,13 +25,22 @@ std::span<const uint8_t> message_of(const AmtChannel& row) {
     return {row.temp_msg, len < kTempMsgSize ? len : kTempMsgSize};
 }
 
-// The zero-terminated text in msg[off, off + field), or null when the field
-// does not lie wholly in the message or holds no terminator.
-const char* text_field(std::span<const uint8_t> msg, size_t off, size_t field) {
-    if (off >= msg.size()) return nullptr;
+// The text of a path field that starts at `off`: the bytes up to the first
+// zero, the field's end (`field` bytes) or the message's end, whichever comes
+// first, cut to the 159 characters a base directory holds. False when the
+// message ends before the field starts.
+bool path_field(std::span<const uint8_t> msg, size_t off, size_t field, char (&out)[kCfgPathSize], bool* cut) {
+    memset(out, 0, sizeof(out));
+    *cut = false;
+    if (off > msg.size()) return false;
     size_t avail = msg.size() - off < field ? msg.size() - off : field;
-    const void* nul = memchr(msg.data() + off, 0, avail);
-    return nul ? reinterpret_cast<const char*>(msg.data() + off) : nullptr;
+    size_t len = strnlen(reinterpret_cast<const char*>(msg.data() + off), avail);
+    if (len >= kCfgPathSize) {
+        len = kCfgPathSize - 1;
+        *cut = true;
+    }
+    memcpy(out, msg.data() + off, len);
+    return true;
 }
 
 }  // namespace
@@ -67,21 +76,25 @@ int treat_wfmgr_amt_info_trans_cnf_msg(AmtChannel* row) {
     uint32_t wf_id = bytes::get_le32(msg, kWfOffWfId);
     log_dbg("treat_wfmgr_amt_info_trans_cnf_msg ,body_len:%d,wf_id:%d.", static_cast<int>(body_len),
             static_cast<int>(wf_id));
+    // The word at offset 32 is read whatever body_len says: wfmgr's file
+    // requests are read by fixed offsets, and body_len is not one of their
+    // fields. The file service checks each field, and the data of a write,
+    // against the message that arrived. A message that ends before offset 36
+    // has no such word and is an answer for the PC.
+    uint32_t sub = bytes::get_le32(msg, kInfoCnfOffSubCmd);
+    if (sub == kFileReadSubCmd) return treat_wfmgr_amt_file_read_req_msg(row);
+    if (sub == kFileModifySubCmd) return treat_wfmgr_amt_file_modify_req_msg(row);
+    // An answer for the PC is body_len bytes: all of them must have come.
     if (body_len == 0) {
         log_dbg("info transfer confirm with an empty body: nothing to pass on.");
         return kRetInvalidParam;
     }
-    if (body_len > msg.size() - kWfHeaderLen) {
+    const size_t body_present = msg.size() > kWfHeaderLen ? msg.size() - kWfHeaderLen : 0;
+    if (body_len > body_present) {
         log_dbg("info transfer confirm body_len:%u beyond the message body of %u bytes: dropped.", body_len,
-                static_cast<unsigned>(msg.size() - kWfHeaderLen));
+                static_cast<unsigned>(body_present));
         return kRetBadSize;
     }
-    // The sub-command word is the body's fourth word; a shorter body has none
-    // and is an answer for the PC. A file request carries its own lengths and
-    // never passes through the store, whatever its size.
-    uint32_t sub = body_len >= kInfoCnfOffSubCmd + 4 - kWfHeaderLen ? bytes::get_le32(msg, kInfoCnfOffSubCmd) : 0;
-    if (sub == kFileReadSubCmd) return treat_wfmgr_amt_file_read_req_msg(row);
-    if (sub == kFileModifySubCmd) return treat_wfmgr_amt_file_modify_req_msg(row);
     AmtPayloadStore& store = amt_info_trans_cnf_store;
     if (body_len > kAmtStorePayloadMaxForPc) {
         log_dbg("info transfer confirm body_len:%u above %u for the PC: dropped.", body_len,
@@ -98,17 +111,22 @@ int treat_wfmgr_amt_info_trans_cnf_msg(AmtChannel* row) {
 int treat_wfmgr_amt_relate_info_ind_msg(AmtChannel* row) {
     VerboseScope scope("treat_wfmgr_amt_relate_info_ind_msg");
     std::span<const uint8_t> msg = message_of(*row);
-    const char* amt_path = text_field(msg, kRelateOffAmtPath, kCfgPathSize);
-    const char* rf_path = text_field(msg, kRelateOffRfPath, kCfgPathSize);
-    if (amt_path == nullptr || rf_path == nullptr) {
-        // A path without its terminator inside the 160 bytes of the field, or
-        // cut off by the message's end, would point the files somewhere else:
-        // both directories stay as they were.
-        log_dbg("relate info indication of %u bytes: amt_file_path or rf_code_file_path missing or longer than %u "
-                "characters, ignored.",
-                static_cast<unsigned>(msg.size()), static_cast<unsigned>(kCfgPathSize - 1));
+    char amt_path[kCfgPathSize];
+    char rf_path[kCfgPathSize];
+    bool amt_cut = false;
+    bool rf_cut = false;
+    // rf_code_file_path runs from offset 380 to the message's end: a message
+    // that ends before it has lost its tail, and both directories stay.
+    if (!path_field(msg, kRelateOffAmtPath, kRelatePathSize, amt_path, &amt_cut) ||
+        !path_field(msg, kRelateOffRfPath, msg.size(), rf_path, &rf_cut)) {
+        log_dbg("relate info indication of %u bytes ends before rf_code_file_path: ignored.",
+                static_cast<unsigned>(msg.size()));
         return kRetInvalidParam;
     }
+    // A path that fills its field without a terminator is taken up to the
+    // 159 characters a directory holds, as the rest of the service reads it.
+    if (amt_cut) log_dbg("relate info indication amt_file_path without terminator: cut to 159 characters.");
+    if (rf_cut) log_dbg("relate info indication rf_code_file_path without terminator: cut to 159 characters.");
     cfg_set_rf_relate_path(rf_path);
     if (amt_path[0] != '\0') cfg_set_amt_relate_path(amt_path);
     if (verbose_log()) {
@@ -129,12 +147,20 @@ int treat_wfmgr_amt_relate_info_ind_msg(AmtChannel* row) {
 int treat_wfmgr_amt_res_info_ind_msg(AmtChannel* row) {
     VerboseScope scope("treat_wfmgr_amt_res_info_ind_msg");
     std::span<const uint8_t> msg = message_of(*row);
-    uint32_t len = bytes::get_le32(msg, kResOffLen);
-    size_t present = msg.size() > kResOffRows ? msg.size() - kResOffRows : 0;
-    if (msg.size() < kResOffRows || len > present) {
-        log_dbg("res info indication len:%u but the message holds %u bytes of rows: ignored.", len,
-                static_cast<unsigned>(present));
+    if (msg.size() < kResOffRows) {
+        log_dbg("res info indication of %u bytes holds no len: ignored.", static_cast<unsigned>(msg.size()));
         return kRetBadSize;
+    }
+    uint32_t len = bytes::get_le32(msg, kResOffLen);
+    const size_t present = msg.size() - kResOffRows;
+    if (len > present) {
+        // The rows that came whole are as good as in a message that told
+        // their size right; a row cut off by the message's end is not taken.
+        const size_t whole = present - present % kRftabRowSize;
+        log_dbg("res info indication len:%u but the message holds %u bytes of rows: the %u whole rows that came "
+                "are taken.",
+                len, static_cast<unsigned>(present), static_cast<unsigned>(whole / kRftabRowSize));
+        len = static_cast<uint32_t>(whole);
     }
     if (len > kRftabListSize) {
         log_dbg("res info indication len:%u above %u: only the first %u rows are taken.", len,

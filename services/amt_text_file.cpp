@@ -38,7 +38,7 @@ int write_amt_text_file(const char* text, size_t max_len, const char* file_name)
 
     FileReplacement file("write_amt_text_file", path, temp_path);
     if (!file.open()) {
-        log_dbg("open(\"%s\") fail: %d - %s", temp_path, errno, strerror(errno));
+        log_dbg("open(\"%s\") fail: %d - %s", path, errno, strerror(errno));
         return kRetResource;
     }
     int result = 0;

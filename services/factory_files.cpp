@@ -17,12 +17,42 @@ extern char** environ;
 namespace {
 
 constexpr uint32_t kSyncPauseMs = 50;
+constexpr uint32_t kChildPollMs = 10;
 
 // A descriptor that becomes readable when the process ends, so the wait for
-// it can watch the thread's stop event beside it; -1 where the kernel has none.
+// it can watch the thread's stop event beside it; -1 where the kernel has none
+// (pidfd_open came with Linux 5.3).
 int open_pidfd(pid_t pid) { return static_cast<int>(syscall(SYS_pidfd_open, pid, 0)); }
 
+// Reaps the child if it has ended. True when it has (or is not ours to wait
+// for any more), false while it runs.
+bool reaped(pid_t pid) {
+    int status = 0;
+    pid_t r = waitpid(pid, &status, WNOHANG);
+    if (r == pid) return true;
+    return r < 0 && errno != EINTR;
+}
+
 }  // namespace
+
+bool amt_wait_child(pid_t pid, ChildWait how) {
+    int pidfd = how == ChildWait::kPidfd ? open_pidfd(pid) : -1;
+    if (pidfd >= 0) {
+        int w = pub_util_wait_fd(pidfd, POLLIN, -1);
+        close(pidfd);
+        if (w == kWaitStopped) return false;
+        int status = 0;
+        while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
+        }
+        return true;
+    }
+    // No descriptor for the process: ask for its end between short waits,
+    // each of which a stop ends at once.
+    while (!reaped(pid)) {
+        if (!pub_util_msleep(kChildPollMs)) return false;
+    }
+    return true;
+}
 
 void amt_join_path(char (&out)[kAmtPathSize], const char* base, const char* name) {
     memset(out, 0, sizeof(out));
@@ -51,16 +81,7 @@ bool amt_run_sync() {
         log_dbg("run %s failure error:%d-%s", kSyncProgram, err, strerror(err));
         return !pub_util_stop_requested();
     }
-    int pidfd = open_pidfd(pid);
-    if (pidfd >= 0) {
-        int w = pub_util_wait_fd(pidfd, POLLIN, -1);
-        close(pidfd);
-        if (w == kWaitStopped) return false;
-    }
-    int status = 0;
-    while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
-    }
-    return !pub_util_stop_requested();
+    return amt_wait_child(pid, ChildWait::kPidfd) && !pub_util_stop_requested();
 }
 
 bool amt_sync_ritual() {

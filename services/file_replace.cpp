@@ -58,22 +58,22 @@ void FileReplacement::abandon() {
 bool FileReplacement::commit() {
     if (file_ == nullptr) return false;
     if (fflush(file_.get()) != 0 || ferror(file_.get()) != 0) {
-        log_dbg("%s write temp file(%s) failure. error:%d-%s.", who_, temp_path_, errno, strerror(errno));
+        log_dbg("%s write file(%s) failure. error:%d-%s.", who_, target_path_, errno, strerror(errno));
         abandon();
         return false;
     }
     if (fsync(fileno(file_.get())) != 0) {
-        log_dbg("%s fsync temp file(%s) failure. error:%d-%s.", who_, temp_path_, errno, strerror(errno));
+        log_dbg("%s fsync file(%s) failure. error:%d-%s.", who_, target_path_, errno, strerror(errno));
         abandon();
         return false;
     }
     if (fclose(file_.release()) != 0) {
-        log_dbg("%s close temp file(%s) failure. error:%d-%s.", who_, temp_path_, errno, strerror(errno));
+        log_dbg("%s close file(%s) failure. error:%d-%s.", who_, target_path_, errno, strerror(errno));
         remove(temp_path_);
         return false;
     }
     if (rename(temp_path_, target_path_) != 0) {
-        log_dbg("%s rename(%s, %s) failure. error:%d-%s.", who_, temp_path_, target_path_, errno, strerror(errno));
+        log_dbg("%s replace file(%s) failure. error:%d-%s.", who_, target_path_, errno, strerror(errno));
         remove(temp_path_);
         return false;
     }

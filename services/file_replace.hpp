@@ -23,7 +23,7 @@ public:
     FileReplacement& operator=(const FileReplacement&) = delete;
 
     // Creates or empties the temporary file for writing. False with errno set;
-    // the caller logs the failure in its own words.
+    // the caller logs the failure in its own words, naming the target.
     bool open();
     // The temporary file's stream; null before a successful open().
     FILE* stream() const { return file_.get(); }
@@ -31,6 +31,8 @@ public:
     // Flushes and fsyncs the temporary file, closes it, renames it over the
     // target and fsyncs the directory. False, with a log line, when a step
     // failed: the target is then untouched and the temporary file removed.
+    // The log line names the target, the file the phone knows, not the
+    // temporary one.
     bool commit();
 
     // Closes and removes the temporary file now; the target stays as it was.

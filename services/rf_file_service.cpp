@@ -162,12 +162,8 @@ int modify_rf_file(std::span<const uint8_t> msg, std::span<const uint8_t> data) 
     if (!holds_request_fields(msg)) {
         log_dbg("modify_rf_file request of %u bytes lacks its table_type, offset or len: answered with 0 bytes.",
                 static_cast<unsigned>(msg.size()));
-    } else if (req.len > data.size()) {
-        // Behind the received message temp_msg holds what earlier messages
-        // left there: writing it would put stale bytes into the file.
-        log_dbg("modify_rf_file len:%u reaches past the %u bytes of data the message holds: refused, no file "
-                "touched.",
-                req.len, static_cast<unsigned>(data.size()));
+    } else if (!slice_write_fits("modify_rf_file", req.len, data)) {
+        // Confirmed with writed_len 0 below.
     } else {
         char path[kAmtPathSize] = {};
         get_rf_code_full_file_name(req.table_type, path);

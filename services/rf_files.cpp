@@ -122,3 +122,10 @@ int modify_binary_file(const uint8_t* buf, const char* path, uint32_t offset, ui
     if (verbose_log()) log_dbg("modify_binary_file end.");
     return 0;
 }
+
+bool slice_write_fits(const char* who, uint32_t len, std::span<const uint8_t> data) {
+    if (len <= data.size()) return true;
+    log_dbg("%s len:%u reaches past the %u bytes of data the request holds: refused, no file touched.", who, len,
+            static_cast<unsigned>(data.size()));
+    return false;
+}

@@ -11,6 +11,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <span>
 
 #include "services/factory_files.hpp"
 
@@ -39,3 +40,13 @@ int read_binary_file(uint8_t* buf, const char* path, uint32_t offset, uint32_t l
 // empty path. When the thread is asked to stop during the ritual the result
 // is still 0: the caller sees pub_util_stop_requested() and answers nobody.
 int modify_binary_file(const uint8_t* buf, const char* path, uint32_t offset, uint32_t len, uint32_t* writed_len);
+
+// The one rule of every slice write that a peer asks for (PC command 63,
+// wfmgr's 0x40005 and the 155 form of 0x40004): the len bytes to write must
+// all have come with the request. `data` is what the request that arrived
+// holds from the slice's first byte to its end (a PC frame's end is its
+// frame_crc). False, with a log line that starts with `who`, when len reaches
+// past it: the request is then answered as failed and no file is touched,
+// since the bytes behind a message are the frame's CRC, zeros or what an
+// earlier message left there, never data the peer sent.
+bool slice_write_fits(const char* who, uint32_t len, std::span<const uint8_t> data);

@@ -24,6 +24,7 @@ namespace {
 constexpr uint32_t kResultDone = 0;
 constexpr uint32_t kResultFailed = 10;
 constexpr size_t kResultRspSize = 24;  // header, result_code, frame_crc
+constexpr size_t kFlashCrcLen = 4;     // frame_crc behind a request's data
 
 struct FlashRequest {
     uint32_t table_type;
@@ -67,7 +68,11 @@ int treat_write_table_flash_cmd(AmtChannel* row) {
     if (row == nullptr) return kRetNullArg;
     std::span<const uint8_t> frame(row->temp_msg);
     log_request("treat_write_table_flash_cmd", frame);
-    int r = modify_table_flash_file(frame, frame.subspan(kFlashOffData));
+    // The data the PC sent run from offset 28 up to the frame's CRC.
+    size_t frame_size = row->temp_msg_process_len > 0 ? static_cast<size_t>(row->temp_msg_process_len) : 0;
+    if (frame_size > frame.size()) frame_size = frame.size();
+    size_t data_len = frame_size > kFlashOffData + kFlashCrcLen ? frame_size - kFlashOffData - kFlashCrcLen : 0;
+    int r = modify_table_flash_file(frame, frame.subspan(kFlashOffData, data_len));
     if (r != 0) log_dbg("modify_rf_file failure.");
     return r;
 }
@@ -114,7 +119,7 @@ int read_table_flash_file(std::span<const uint8_t> message) {
 
 int modify_table_flash_file(std::span<const uint8_t> message, std::span<const uint8_t> data) {
     VerboseScope scope("modify_table_flash_file");
-    if (!is_frame(message) || data.data() == nullptr) {
+    if (!is_frame(message)) {
         log_dbg("modify_table_flash_file Invalid parameter .");
         return kRetNullArg;
     }
@@ -122,13 +127,8 @@ int modify_table_flash_file(std::span<const uint8_t> message, std::span<const ui
     char path[kAmtPathSize] = {};
     uint32_t written = 0;
     uint32_t result_code = kResultFailed;
-    if (req.len > data.size()) {
-        // Behind the frame the buffer is zero, so a len a little beyond the
-        // data writes the frame's CRC and zeros, as the PC asked; past the
-        // buffer there is nothing to write from.
-        log_dbg("modify_table_flash_file len:%u reaches past the %u bytes the frame buffer holds from offset %u: "
-                "refused, no file touched.",
-                req.len, static_cast<unsigned>(data.size()), static_cast<unsigned>(kFlashOffData));
+    if (!slice_write_fits("modify_table_flash_file", req.len, data)) {
+        // Answered with result_code 10 below.
     } else if (get_rf_specified_file(path, sizeof(path), req.table_type) != 0) {
         log_dbg("call get_rf_specified_file,error .");
     } else {

@@ -37,8 +37,9 @@ int treat_write_table_flash_cmd(AmtChannel* row);
 // a positive 32-bit number (no response beyond the pre-response then).
 int read_table_flash_file(std::span<const uint8_t> message);
 
-// `data` is the part of the same buffer from frame offset 28. A len that
-// reaches past it is refused with result_code 10 and no file is touched.
+// `data` is the data the frame carries: from frame offset 28 up to its
+// frame_crc. A len that reaches past it is refused with result_code 10 and no
+// file is touched (slice_write_fits, rf_files.hpp).
 // Answers the PC with response 64 and returns as the read does; when the
 // thread is asked to stop during the sync it answers nobody and returns 0.
 int modify_table_flash_file(std::span<const uint8_t> message, std::span<const uint8_t> data);

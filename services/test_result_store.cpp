@@ -148,7 +148,7 @@ int amt_init_test_result_file() {
     amt_join_path(temp_path, base, kTestResultTempFile);
     FileReplacement file("amt_init_test_result_file", path, temp_path);
     if (!file.open()) {
-        log_dbg("amt_init_test_result_file open file(%s) failure. error:%d-%s.", temp_path, errno, strerror(errno));
+        log_dbg("amt_init_test_result_file open file(%s) failure. error:%d-%s.", path, errno, strerror(errno));
         return kRetResource;
     }
     for (int32_t station = 0; station < kFreshStations; ++station) {

@@ -11,7 +11,17 @@ constexpr int kSlashesToKeep = 4;
 
 }  // namespace
 
+bool wf_name_stays_in_parent(const char* wf_name) {
+    if (wf_name == nullptr) return true;
+    if (strchr(wf_name, '/') != nullptr) return false;
+    return strcmp(wf_name, ".") != 0 && strcmp(wf_name, "..") != 0;
+}
+
 int amt_path_rewrite_for_wf(char (&path)[kCfgPathSize], const char* wf_name) {
+    if (!wf_name_stays_in_parent(wf_name)) {
+        log_dbg("wf_name (%s) is not one directory of its own: m_amt_relate_path stays (%s).", wf_name, path);
+        return kAmtPathNameRefused;
+    }
     size_t cut = 0;
     int slashes = 0;
     for (size_t i = 0; i < kCfgPathSize && path[i] != '\0'; ++i) {

@@ -10,7 +10,8 @@ namespace e2e {
 namespace {
 
 const Bytes kRsp18Done = hex("AA BB CC DD 10 00 00 00 02 00 00 00 12 00 00 00 00 00 00 00 DA BD 91 C9");
-const Bytes kRsp18NoFourthSlash = hex("AA BB CC DD 10 00 00 00 02 00 00 00 12 00 00 00 01 00 00 00 EC 4B 1C 51");
+// result_code 1: the path could not be rewritten and stays.
+const Bytes kRsp18PathKept = hex("AA BB CC DD 10 00 00 00 02 00 00 00 12 00 00 00 01 00 00 00 EC 4B 1C 51");
 const Bytes kRsp18Failed = hex("AA BB CC DD 10 00 00 00 02 00 00 00 12 00 00 00 0A 00 00 00 D0 9D 01 58");
 
 // The load request for a name: total_len 88, wf_id all ones, body_len 68,
@@ -83,6 +84,15 @@ TEST_F(EnterAmt, Mode4MovesTheAmtDirectoryIntoTheWfNameAndAnswersAtOnce) {
     wfmgr_sends(kReadAmtBin);
     expect_wfmgr_gets(amt_bin_confirm("56 56 56"));
     EXPECT_TRUE(daemon_->wait_for_log("m_amt_relate_path is (/amt/a/b/v/).", kWait));
+    // A name that would lead out of /amt/a/b/ is answered with 1 and moves nothing.
+    pc_sends(hex("AA BB CC DD 13 00 00 00 02 00 00 00 11 00 00 00 04 00 00 00 2E 2E 00 F4 9C 05 25"));
+    expect_pc_gets(concat({kPreResponse, kRsp18PathKept}));
+    pc_sends(hex("AA BB CC DD 1D 00 00 00 02 00 00 00 11 00 00 00 04 00 00 00 "
+                 "2E 2E 2F 2E 2E 2F 73 79 73 74 65 6D 00 99 EF 9A 57"));
+    expect_pc_gets(concat({kPreResponse, kRsp18PathKept}));
+    wfmgr_sends(kReadAmtBin);
+    expect_wfmgr_gets(amt_bin_confirm("56 56 56"));
+    EXPECT_TRUE(daemon_->wait_for_log("wf_name (../../system) is not one directory of its own", kWait));
 }
 
 TEST_F(EnterAmt, Mode4WithoutAFourthSlashAnswers1AndKeepsTheDirectory) {
@@ -90,7 +100,7 @@ TEST_F(EnterAmt, Mode4WithoutAFourthSlashAnswers1AndKeepsTheDirectory) {
     ASSERT_FALSE(HasFatalFailure());
     ASSERT_TRUE(phone_->write_file("/amt/x/amt.bin", "XXX"));
     pc_sends(hex("AA BB CC DD 12 00 00 00 02 00 00 00 11 00 00 00 04 00 00 00 77 00 27 F5 C1 E5"));
-    expect_pc_gets(concat({kPreResponse, kRsp18NoFourthSlash}));
+    expect_pc_gets(concat({kPreResponse, kRsp18PathKept}));
     EXPECT_TRUE(daemon_->wait_for_log("count is not 4", kWait));
     wfmgr_sends(kReadAmtBin);
     expect_wfmgr_gets(amt_bin_confirm("58 58 58"));

@@ -39,19 +39,31 @@ TEST_F(RfFileService, InfoReadConfirmCarriesTheBytesReadAndFollowsTheTotalLength
                           "0B 00 00 00 00 00 00 00 E8 03 00 00 0A 00 00 00 00 01 02 03 04 05 06 07 08 09 00 00"));
 }
 
-TEST_F(RfFileService, FileFormsReadAmtBinAndWriteTheTableAndNothingReachesThePc) {
+// The file forms are read by their fixed offsets: body_len is not one of
+// their fields, so a wfmgr that leaves it at 0, or at any other value, is
+// served all the same; only the message that arrived bounds them.
+TEST_F(RfFileService, FileFormsAreServedWhateverBodyLenSaysAndNothingReachesThePc) {
     ASSERT_TRUE(phone_->write_file("/amt/a/b/c/d/amt.bin", "ABCDEFG"));
-    // table_type 0xDEAD, offset 2, len 3, the word 153.
-    wfmgr_sends(hex("24 00 00 00 2A 00 00 00 FF FF FF FF 04 00 04 00 10 00 00 00 "
-                    "AD DE 00 00 02 00 00 00 03 00 00 00 99 00 00 00"));
-    expect_wfmgr_gets(hex("2A 00 00 00 2A 00 00 00 FF FF FF FF 03 00 04 00 13 00 00 00 "
-                          "9A 00 00 00 02 00 00 00 03 00 00 00 03 00 00 00 43 44 45 00 00 00"));
-    // The modify form writes from its own word and confirms with the modify confirm.
-    // len 8 from offset 32: the word 155 itself, then 01 02 03 04.
-    wfmgr_sends(hex("28 00 00 00 2A 00 00 00 FF FF FF FF 04 00 04 00 14 00 00 00 "
+    // table_type 0xDEAD, offset 2, len 3, the word 153; body_len 16, 0, 12, 100.
+    const Bytes read_cnf = hex("2A 00 00 00 2A 00 00 00 FF FF FF FF 03 00 04 00 13 00 00 00 "
+                               "9A 00 00 00 02 00 00 00 03 00 00 00 03 00 00 00 43 44 45 00 00 00");
+    for (const char* body_len : {"10", "00", "0C", "64"}) {
+        wfmgr_sends(hex(std::string("24 00 00 00 2A 00 00 00 FF FF FF FF 04 00 04 00 ") + body_len +
+                        " 00 00 00 AD DE 00 00 02 00 00 00 03 00 00 00 99 00 00 00"));
+        expect_wfmgr_gets(read_cnf);
+    }
+    // The modify form writes from its own word and confirms with the modify
+    // confirm. len 8 from offset 32: the word 155 itself, then 01 02 03 04;
+    // body_len 0.
+    wfmgr_sends(hex("28 00 00 00 2A 00 00 00 FF FF FF FF 04 00 04 00 00 00 00 00 "
                     "07 00 00 00 00 00 00 00 08 00 00 00 9B 00 00 00 01 02 03 04"));
     expect_wfmgr_gets(hex("24 00 00 00 2A 00 00 00 FF FF FF FF 06 00 04 00 10 00 00 00 "
                           "07 00 00 00 00 00 00 00 08 00 00 00 08 00 00 00"));
+    // len 12 with 8 bytes in the message, body_len 100: nothing written.
+    wfmgr_sends(hex("28 00 00 00 2A 00 00 00 FF FF FF FF 04 00 04 00 64 00 00 00 "
+                    "07 00 00 00 04 00 00 00 0C 00 00 00 9B 00 00 00 05 06 07 08"));
+    expect_wfmgr_gets(hex("24 00 00 00 2A 00 00 00 FF FF FF FF 06 00 04 00 10 00 00 00 "
+                          "07 00 00 00 04 00 00 00 0C 00 00 00 00 00 00 00"));
     EXPECT_EQ(slice(file("/amt/rf/cal.bin"), 0, 10), hex("9B 00 00 00 01 02 03 04 08 09"));
     expect_pc_quiet();
 }
@@ -72,7 +84,7 @@ TEST_F(RfFileService, ModifyWritesItsSliceButALenPastTheMessageIsRefused) {
     EXPECT_EQ(file("/amt/rf/small.bin"), hex("A0 A1 A2 A3 A4 A5 A6 A7 08 09"));
     EXPECT_EQ(phone_->sync_runs(), 2);
     EXPECT_TRUE(
-        daemon_->wait_for_log("modify_rf_file len:8 reaches past the 4 bytes of data the message holds", kWait));
+        daemon_->wait_for_log("modify_rf_file len:8 reaches past the 4 bytes of data the request holds", kWait));
 }
 
 // A type without a row, a file that does not exist, a len with no room for

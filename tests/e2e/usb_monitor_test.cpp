@@ -115,5 +115,28 @@ TEST_F(UsbMonitor, UeventsLostToAFullBufferAreMadeUpForByTheStateFile) {
     EXPECT_EQ(phone_->property(kVerdict), "2");
 }
 
+// After an overflow the state file is read again; one that still says
+// CONFIGURED once the handshake is done starts nothing again: no offer on the
+// PC line, no new 20 s time-out for a handshake already accepted.
+TEST_F(UsbMonitor, OverflowAfterTheHandshakeWithTheStateStillConfiguredStartsNothing) {
+    Daemon* d = launch_waiting_for_usb();
+    ASSERT_NE(d, nullptr);
+    kernel_sends("CONFIGURED");
+    ASSERT_TRUE(complete_handshake(d));
+    ASSERT_TRUE(phone_->set_usb_state("CONFIGURED\n"));
+    // Large uevents of another subsystem: only the overflow itself counts.
+    std::string large = std::string(1800, 'x') + std::string("\0ACTION=add\0SUBSYSTEM=block\0", 28);
+    std::string why;
+    ASSERT_TRUE(d->signal(SIGSTOP));
+    bool sent = sandbox::send_kernel_uevents(large, 200, &why);
+    ASSERT_TRUE(d->signal(SIGCONT));
+    ASSERT_TRUE(sent) << why;
+    EXPECT_TRUE(d->wait_for_log("lost uevents (socket buffer full), reading /sys/class/android_usb/android0/state again.",
+                                kWait));
+    EXPECT_TRUE(pc_->quiet_for(2500ms)) << "the handshake was offered again";
+    EXPECT_EQ(d->count_log("amt_handle_monitor_usb_loop get usb CONFIGURED event"), 1u);
+    EXPECT_TRUE(d->running());
+}
+
 }  // namespace
 }  // namespace e2e

@@ -48,19 +48,22 @@ protected:
     sandbox::Daemon* daemon_ = nullptr;
 };
 
-TEST_F(WfmgrIndications, APathThatDoesNotFitItsFieldLeavesBothDirectoriesAsTheyWere) {
-    ASSERT_TRUE(wfmgr_->send(relate_info(std::string(160, 'a'), "/rf/")));
-    EXPECT_TRUE(daemon_->wait_for_log("longer than 159 characters, ignored.", kWait));
-    ASSERT_TRUE(wfmgr_->send(relate_info("/amt/w/", "/rf/")));
-    EXPECT_TRUE(daemon_->wait_for_log("config_file_st.m_amt_relate_path:/amt/w/, .", kWait));
-    EXPECT_EQ(daemon_->count_log("config_file_st.m_amt_relate_path:"), 1u);  // the refused one set nothing
+// A path that fills its field without a terminator is cut to the 159
+// characters a directory holds and still taken, both paths alike.
+TEST_F(WfmgrIndications, PathThatFillsItsFieldIsCutTo159CharactersAndStillTaken) {
+    const std::string a159(159, 'a');
+    const std::string b159(159, 'b');
+    ASSERT_TRUE(wfmgr_->send(relate_info(std::string(160, 'a'), std::string(160, 'b'))));
+    EXPECT_TRUE(daemon_->wait_for_log("config_file_st.m_amt_relate_path:" + a159 + ", .", kWait));
+    EXPECT_TRUE(daemon_->wait_for_log("rf_code_file_path:" + b159 + ", amt_file_path:" + a159 + ", .", kWait));
+    EXPECT_EQ(daemon_->count_log("without terminator: cut to 159 characters."), 2u);
     // An empty amt_file_path keeps the directory in force.
     ASSERT_TRUE(wfmgr_->send(relate_info("", "/rf2/")));
-    EXPECT_TRUE(daemon_->wait_for_log_count("config_file_st.m_amt_relate_path:/amt/w/, .", 2, kWait));
+    EXPECT_TRUE(daemon_->wait_for_log_count("config_file_st.m_amt_relate_path:" + a159 + ", .", 2, kWait));
 }
 
 // Whole rows only count (unit-tested with the list itself).
-TEST_F(WfmgrIndications, RfTableListTakesAtMostThirtyRowsAndNoneThatTheMessageLacks) {
+TEST_F(WfmgrIndications, RfTableListTakesAtMostThirtyRowsAndTheWholeRowsThatCame) {
     Bytes m = header(24 + 31 * 72, 0x4000e);
     m.resize(24 + 31 * 72, 0);
     m[20] = static_cast<uint8_t>((31 * 72) & 0xFF);
@@ -68,12 +71,16 @@ TEST_F(WfmgrIndications, RfTableListTakesAtMostThirtyRowsAndNoneThatTheMessageLa
     ASSERT_TRUE(wfmgr_->send(m));
     EXPECT_TRUE(daemon_->wait_for_log("len:2160, g_wfmgr_rftab_info_count:30.", kWait));
 
-    // A len claiming more rows than the message carries takes nothing.
-    Bytes lying = header(24 + 72, 0x4000e);
-    lying.resize(24 + 72, 0);
-    lying[20] = 0x90;  // 144
+    // len 216 (three rows) in a message that carries one row and 28 bytes of
+    // a second: the one whole row is taken.
+    Bytes lying = header(24 + 100, 0x4000e);
+    lying.resize(24 + 100, 0);
+    lying[20] = 0xD8;
     ASSERT_TRUE(wfmgr_->send(lying));
-    EXPECT_TRUE(daemon_->wait_for_log("res info indication len:144 but the message holds 72 bytes", kWait));
+    EXPECT_TRUE(daemon_->wait_for_log("res info indication len:216 but the message holds 100 bytes of rows: the 1 "
+                                      "whole rows that came are taken.",
+                                      kWait));
+    EXPECT_TRUE(daemon_->wait_for_log("len:72, g_wfmgr_rftab_info_count:1.", kWait));
 }
 
 // A message the agent has no use for is only logged: the next indication is

@@ -9,6 +9,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "log_capture.hpp"
 #include "process/config.hpp"
 #include "services/amt_text_file.hpp"
 #include "services/test_result_store.hpp"
@@ -74,6 +75,50 @@ TEST_F(AmtTextFile, WriteStoresExactlyTheTextAndAShorterOneLeavesNothingOfTheLon
     EXPECT_FALSE(exists("board_no.txt.tmp"));
 }
 
+// Every write goes through a temporary file, but a failure's log line names
+// the file the phone knows. The temporary file is made unwritable by making
+// it a directory, or one that takes no byte by making it /dev/full.
+TEST_F(AmtTextFile, FailedWritesNameTheirOwnFileAndLeaveItWhole) {
+    LogCapture log;
+    put("board_no.txt", "OLD");
+    ASSERT_EQ(mkdir(path("board_no.txt.tmp").c_str(), 0755), 0);
+    EXPECT_EQ(write_amt_text_file("NEW", 100, "board_no.txt"), -118);
+    EXPECT_TRUE(log.contains("open(\"" + path("board_no.txt") + "\") fail: 21 - Is a directory")) << log.text();
+    ASSERT_EQ(rmdir(path("board_no.txt.tmp").c_str()), 0);
+
+    ASSERT_EQ(symlink("/dev/full", path("product_date.txt.tmp").c_str()), 0);
+    put("product_date.txt", "20200101");
+    EXPECT_EQ(write_amt_text_file("20240131", 100, "product_date.txt"), -118);
+    EXPECT_TRUE(log.contains("write_amt_text_file write file(" + path("product_date.txt") +
+                             ") failure. error:28-No space left on device."))
+        << log.text();
+    EXPECT_EQ(get("board_no.txt"), "OLD");
+    EXPECT_EQ(get("product_date.txt"), "20200101");
+    EXPECT_EQ(log.count(".tmp"), 0u);
+}
+
+TEST_F(AmtTextFile, FailedStoreWritesNameTestResultTxt) {
+    LogCapture log;
+    ASSERT_EQ(mkdir(path("test_result_temp001.txt").c_str(), 0755), 0);
+    EXPECT_EQ(amt_init_test_result_file(), -118);
+    EXPECT_TRUE(log.contains("amt_init_test_result_file open file(" + path("test_result.txt") +
+                             ") failure. error:21-Is a directory."))
+        << log.text();
+    EXPECT_FALSE(exists("test_result.txt"));
+    ASSERT_EQ(rmdir(path("test_result_temp001.txt").c_str()), 0);
+
+    put("test_result.txt", "3,0,\r\n");
+    ASSERT_EQ(symlink("/dev/full", path("test_result_temp001.txt").c_str()), 0);
+    std::string m(24, '\0');
+    m[16] = 3;
+    m += std::string("ok") + std::string(4, '\0');
+    EXPECT_EQ(modify_test_result_value(reinterpret_cast<const uint8_t*>(m.data()), m.size()), -118);
+    EXPECT_TRUE(log.contains("modify_test_result_value write file(" + path("test_result.txt") +
+                             ") failure. error:28-No space left on device."))
+        << log.text();
+    EXPECT_EQ(get("test_result.txt"), "3,0,\r\n");
+}
+
 // A request frame of command 91 (header left zero), zero behind its CRC.
 std::string write_request(uint32_t site, uint32_t result, const std::string& description) {
     std::string m(24, '\0');
@@ -82,6 +127,26 @@ std::string write_request(uint32_t site, uint32_t result, const std::string& des
         m[20 + i] = static_cast<char>(result >> (8 * i));
     }
     return m + description + std::string(4, '\0');
+}
+
+using TestResultRead = AmtDirTest;
+
+// A two-digit station is not the station of its first digit: the lines of 12
+// and 55 come before those of 1 and 5 and must not answer for them.
+TEST_F(TestResultRead, StationIsMatchedByItsWholeNumberNotItsFirstDigit) {
+    put("test_result.txt", "12,7,twelve\r\n55,9,fifty-five\r\n1,3,one\r\n5,4,five\r\n");
+    struct Want {
+        uint32_t site;
+        uint32_t result;
+        const char* description;
+    };
+    for (const Want& want : {Want{1, 3, "one"}, Want{5, 4, "five"}, Want{12, 7, "twelve"}, Want{55, 9, "fifty-five"}}) {
+        TestResultInfo info;
+        get_test_result_info(want.site, &info);
+        EXPECT_EQ(info.result_code, kResultStationFound) << want.site;
+        EXPECT_EQ(info.station_result, want.result) << want.site;
+        EXPECT_EQ(std::string(info.description, info.description_len), want.description) << want.site;
+    }
 }
 
 using TestResultWrite = AmtDirTest;

@@ -90,19 +90,30 @@ TEST(ThreadStop, NoThreadAndEndedThreadGiveZeroAndKeepTheHandle) {
 }
 
 // A stop that comes before the new thread has run a single line is kept for
-// it: the teardown may stop a thread the start has only just created.
+// it: the teardown may stop a thread the start has only just created. The
+// thread first asks for its stop without waiting (a still-set stop event
+// would end a sleep whatever the request said), then sleeps.
+std::atomic<bool> g_released{false};
+
+void* ask_then_sleep(void*) {
+    while (!g_released) sched_yield();
+    bool asked = pub_util_stop_requested();
+    bool slept = pub_util_msleep(600000);
+    return reinterpret_cast<void*>(uintptr_t{asked ? 0u : 1u} | uintptr_t{slept ? 2u : 0u});
+}
+
 TEST(ThreadStop, StopRightAfterTheStartIsNotLost) {
     for (int i = 0; i < 50; ++i) {
+        g_released = false;
         pthread_t tid{};
-        ASSERT_EQ(pub_util_create_thread(
-                      &tid, [](void*) -> void* { return pub_util_msleep(600000) ? reinterpret_cast<void*>(uintptr_t{1}) : nullptr; }, nullptr,
-                      false),
-                  0);
+        ASSERT_EQ(pub_util_create_thread(&tid, ask_then_sleep, nullptr, false), 0);
         ThreadHandle handle{tid};
         EXPECT_EQ(pub_util_kill_thread(&handle), 0);
+        g_released = true;
         void* result = &handle;
         ASSERT_EQ(pthread_join(tid, &result), 0);
-        EXPECT_EQ(result, nullptr) << "the sleep was not ended by the stop";
+        EXPECT_EQ(reinterpret_cast<uintptr_t>(result) & 1u, 0u) << "the thread did not see its stop request";
+        EXPECT_EQ(reinterpret_cast<uintptr_t>(result) & 2u, 0u) << "the sleep was not ended by the stop";
     }
 }
 

@@ -35,4 +35,19 @@ TEST(AmtPathRewrite, WhatFollowsTheFourthSlashIsReplacedByTheNameAndWithoutOneNo
     EXPECT_EQ(log.count("count is not 4"), 1u);
 }
 
+// The files of the AMT directory are written by root: a name must not lead
+// out of the cut path's directory, and a refused one changes nothing.
+TEST(AmtPathRewrite, NameThatWouldLeaveItsParentIsRefusedWith1AndThePathStays) {
+    LogCapture log;
+    for (const char* name : {"../../system", "..", ".", "a/b", "/etc", "w/"}) {
+        EXPECT_EQ(rewrite("/a/b/c/d/", name, kAmtPathNameRefused), "/a/b/c/d/") << name;
+    }
+    EXPECT_EQ(log.count("is not one directory of its own: m_amt_relate_path stays (/a/b/c/d/)."), 6u);
+    EXPECT_TRUE(log.contains("wf_name (../../system) is not one directory of its own"));
+    EXPECT_EQ(log.count("m_amt_relate_path is ("), 0u);
+    // Dots inside a name are only characters.
+    EXPECT_EQ(rewrite("/a/b/c/d/", "..."), "/a/b/c/.../");
+    EXPECT_EQ(rewrite("/a/b/c/d/", ".w"), "/a/b/c/.w/");
+}
+
 }  // namespace
