@@ -49,12 +49,21 @@ for target in build-fuzz/fuzz_*; do
   # libFuzzer and the sanitizers still report on their own copy of stderr.
   # A wfmgr stream out of step ends the agent by SIGTERM to itself, which the
   # stream targets ignore: libFuzzer must not take it for a stop.
-  if "${sandbox[@]}" "$target" "${seed_arg[@]}" "${limit_arg[@]}" -max_len=65536 -close_fd_mask=2 -handle_term=0 \
+  # The shell around the target adds its processor time to the log ("cpu
+  # seconds"): on a shared machine the rate per wall second says as much about
+  # the other users as about the target.
+  if "${sandbox[@]}" bash -c 'start=$SECONDS; "$@"; rc=$?
+       echo "wall seconds: $((SECONDS - start)); processor time (user, system) of the shell, then of the target:"
+       times; exit $rc' _ \
+       "$target" "${seed_arg[@]}" "${limit_arg[@]}" -max_len=65536 -close_fd_mask=2 -handle_term=0 \
        -print_final_stats=1 -artifact_prefix="$PWD/build-fuzz/artifacts/$name-" "$work/$name" "$seeds" \
        >"$work/$name.log" 2>&1; then
     runs=$(grep -m1 -o 'stat::number_of_executed_units: *[0-9]*' "$work/$name.log" | grep -o '[0-9]*$' || true)
     rate=$(grep -m1 -o 'stat::average_exec_per_sec: *[0-9]*' "$work/$name.log" | grep -o '[0-9]*$' || true)
-    printf '%-24s ok   %s runs, %s a second\n' "$name" "${runs:-?}" "${rate:-?}"
+    wall=$(grep -m1 -o '^wall seconds: [0-9]*' "$work/$name.log" | grep -o '[0-9]*$' || true)
+    cpu=$(grep -m1 -A2 '^wall seconds' "$work/$name.log" | tail -n 1 || true)
+    printf '%-24s ok   %s runs in %s s, %s a second; processor time (user, system) %s\n' \
+      "$name" "${runs:-?}" "${wall:-?}" "${rate:-?}" "${cpu:-?}"
   else
     printf '%-24s FAILED\n' "$name"
     tail -n 60 "$work/$name.log"
