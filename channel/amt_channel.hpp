@@ -7,7 +7,8 @@
 //   for a server row, accept_fd; it posts rcv_sem after every write to the
 //   ring, which is what the transfer thread sleeps on while it waits for bytes;
 // - the transfer thread reads the ring and alone owns temp_msg,
-//   temp_msg_process_len, m_nLoadLen and m_msg_cmd;
+//   temp_msg_process_len, m_nLoadLen, m_msg_cmd and the assembly state
+//   (assembly_phase, head_search, skip_left);
 // - a receive thread held back by a ring without room for a read publishes
 //   the room it needs in room_wanted and sleeps on room_sem; the transfer
 //   thread posts room_sem once that much room is free (channel_room_made),
@@ -28,6 +29,7 @@
 #include "channel/event_sem.hpp"
 #include "channel/ring_buf.hpp"
 #include "process/pub_util.hpp"
+#include "protocol/head_search.hpp"
 
 constexpr uint32_t kChannelTypeDevice = 0;
 constexpr uint32_t kChannelTypeTcpServer = 1;
@@ -40,6 +42,11 @@ constexpr uint32_t kRingCapacity = 262144;
 constexpr size_t kTempBufferSize = 10240;
 constexpr size_t kTempMsgSize = 40960;
 constexpr int kOpenTries = 20;
+
+// Where a transfer thread stands in the message it puts together: nothing of
+// one taken yet, the PC head search, the header, the body, or the rest of a
+// wfmgr message too long to hold that is being dropped.
+enum class AssemblyPhase : uint8_t { kStart, kHead, kHeader, kBody, kSkip };
 
 constexpr int32_t kConnNotYet = -1;
 constexpr int32_t kConnOpen = 0;
@@ -80,6 +87,9 @@ struct AmtChannel {
     std::atomic<uint32_t> up_total{0};
     uint8_t temp_msg[kTempMsgSize] = {};
     int32_t temp_msg_process_len = 0;
+    AssemblyPhase assembly_phase = AssemblyPhase::kStart;
+    HeadSearch head_search{};
+    uint32_t skip_left = 0;  // bytes of an overlong message still to drop
     uint32_t not_enough_count = 0;
     std::atomic<int32_t> m_socket_conn_status{kConnNotYet};
     EventSem rcv_sem;
@@ -102,6 +112,25 @@ void* receive_chansrv_data_proc(void*);
 // Assembly.
 void* treat_wfmgr_relate_buf_proc(void*);
 void* treat_chansrv_relate_buf_proc(void*);
+
+// What one step of a transfer thread ended with, and so what it waits for.
+enum class TransferStep {
+    kDispatched,  // a whole message went through the dispatcher
+    kIdle,        // nothing of a message is held: the wait for bytes has no end
+    kMoreBytes,   // a message (or a PC head) has begun: the ring is looked at again within 20 ms
+    kOutOfStep,   // the wfmgr stream cannot be trusted any more: the link ends
+};
+// One step of row index's transfer thread (0 wfmgr, 1 PC): takes from the ring
+// what it holds, up to the end of the next message, and dispatches that
+// message once it is whole. Never waits: the thread waits between steps as
+// the result says, and a driver without threads (the fuzz targets) feeds the
+// ring and calls it directly. Called by the row's transfer thread only.
+TransferStep transfer_step(uint32_t index);
+
+// Move the header, then the rest of the message, from the ring into temp_msg
+// once the ring holds all of it. 0 when it is in temp_msg, kMsgPartPending
+// while the ring holds less (nothing is taken then).
+constexpr int kMsgPartPending = 1;
 int get_msg_head(uint32_t index);
 int get_msg_body(uint32_t index);
 int check_msg_header(AmtChannel* row, const uint8_t* buf, int32_t len);

@@ -1,8 +1,17 @@
 // Transfer threads: one per open row. Each takes bytes from the row's ring,
 // puts one whole message together in temp_msg and dispatches it on the same
 // thread; the next message waits in the ring until the dispatcher returns.
-// The thread alone owns temp_msg, temp_msg_process_len, m_nLoadLen and
-// m_msg_cmd. Every wait watches the thread's stop event (pub_util.hpp).
+// The thread alone owns temp_msg, temp_msg_process_len, m_nLoadLen,
+// m_msg_cmd and the assembly state. Every wait watches the thread's stop
+// event (pub_util.hpp).
+//
+// The work is cut in two. transfer_step takes what the ring holds, up to the
+// end of one message, and dispatches that message once it is whole; it never
+// waits, and the row remembers where it stopped (assembly_phase, the head
+// bytes matched, the bytes left to drop). The thread's loop only waits
+// between steps, as the step's result says. So every cut of a message is a
+// point where the thread waits and later goes on, and a driver without
+// threads (the fuzz targets) runs the very same steps over any cut.
 //
 // The thread sleeps on rcv_sem, which the receive thread posts after every
 // write to the ring, so bytes end each wait as they come. Between messages,
@@ -30,14 +39,8 @@ constexpr uint32_t kBytesWaitMs = 20;
 
 uint32_t header_size(uint32_t index) { return index == kChannelPc ? 12 : 20; }
 
-// Waits until the ring holds at least count bytes of a started message:
-// each look sleeps until the receive thread has written to the ring (rcv_sem
-// is posted after every write), at most 20 ms. False on a stop.
-bool wait_for_bytes(AmtChannel& row, uint32_t count) {
-    while (getRingBufDataLen(&row.ring_buf) < static_cast<int32_t>(count)) {
-        if (!row.rcv_sem.wait_for(kBytesWaitMs)) return false;
-    }
-    return true;
+bool ring_holds(AmtChannel& row, uint32_t count) {
+    return getRingBufDataLen(&row.ring_buf) >= static_cast<int32_t>(count);
 }
 
 // Every read from the ring may free the room that the receive thread waits for.
@@ -56,38 +59,29 @@ void take_bytes(AmtChannel& row, uint32_t count) {
     if (got > 0) row.temp_msg_process_len += got;
 }
 
-// Runs the head search until a head is found. False on a stop. With no head
-// byte matched, an empty ring means that nothing has started: the thread
-// sleeps until bytes come, however long that takes. Once a head has begun,
-// it looks again at least every 20 ms like the other waits of a message.
+// Runs the head search over what the ring holds. True once a head is found;
+// false when the ring ran empty first, the search state kept in the row.
 bool find_head(AmtChannel& row) {
-    HeadSearch search;
-    for (;;) {
-        if (getRingBufDataLen(&row.ring_buf) <= 0) {
-            bool go_on = search.state == 0 ? row.rcv_sem.wait() : row.rcv_sem.wait_for(kBytesWaitMs);
-            if (!go_on) return false;
-            continue;
-        }
+    while (getRingBufDataLen(&row.ring_buf) > 0) {
         uint8_t byte = 0;
-        if (take_from_ring(row, &byte, 1) != 1) continue;
-        if (verbose_log()) log_dbg(" char:%02x, nIndex:%d", byte, search.state);
-        if (head_search_step(&search, byte) == HeadSearchResult::kFound) return true;
+        if (take_from_ring(row, &byte, 1) != 1) break;
+        if (verbose_log()) log_dbg(" char:%02x, nIndex:%d", byte, row.head_search.state);
+        if (head_search_step(&row.head_search, byte) == HeadSearchResult::kFound) return true;
     }
+    return false;
 }
 
-// Reads and drops count bytes as they arrive, so that the link stays in step
-// behind a message too long to hold. False on a stop.
-bool skip_bytes(AmtChannel& row, uint32_t count) {
-    while (count > 0) {
+// Drops what the ring holds of the skip_left bytes behind a message too long
+// to hold, so that the link stays in step. True once all are dropped.
+bool skip_bytes(AmtChannel& row) {
+    while (row.skip_left > 0) {
         int32_t held = getRingBufDataLen(&row.ring_buf);
-        if (held <= 0) {
-            if (!row.rcv_sem.wait_for(kBytesWaitMs)) return false;
-            continue;
-        }
-        uint32_t chunk = static_cast<uint32_t>(held) < count ? static_cast<uint32_t>(held) : count;
+        if (held <= 0) return false;
+        uint32_t chunk = static_cast<uint32_t>(held) < row.skip_left ? static_cast<uint32_t>(held) : row.skip_left;
         if (chunk > kTempMsgSize) chunk = kTempMsgSize;
         int32_t got = take_from_ring(row, row.temp_msg, chunk);
-        if (got > 0) count -= static_cast<uint32_t>(got);
+        if (got <= 0) return false;
+        row.skip_left -= static_cast<uint32_t>(got);
     }
     return true;
 }
@@ -96,26 +90,12 @@ void log_header_dump(const uint8_t* data, int32_t len) {
     pub_util_log_hex("head data:", data, static_cast<size_t>(len), 500);
 }
 
-enum class Step { kNext, kStop, kEnd };
-
-Step wait_for_message_start(AmtChannel& row, bool wait_once) {
-    while (!row.catch_log) {
-        if (!pub_util_msleep(kIdleMs)) return Step::kStop;
-        if (!row.run_flag) return Step::kEnd;
-    }
-    while (isRingBufEmpty(&row.ring_buf) == 1) {
-        if (!row.rcv_sem.wait()) return pub_util_stop_requested() ? Step::kStop : Step::kEnd;
-        if (wait_once) break;
-    }
-    return Step::kNext;
-}
-
 }  // namespace
 
 int get_msg_head(uint32_t index) {
     AmtChannel& row = listAmtSrv[index];
     uint32_t size = header_size(index);
-    if (!wait_for_bytes(row, size)) return 0;
+    if (!ring_holds(row, size)) return kMsgPartPending;
     take_bytes(row, size);
     return 0;
 }
@@ -123,12 +103,12 @@ int get_msg_head(uint32_t index) {
 int get_msg_body(uint32_t index) {
     AmtChannel& row = listAmtSrv[index];
     uint32_t rest = row.m_nLoadLen - static_cast<uint32_t>(row.temp_msg_process_len);
+    if (rest == 0) return 0;
+    if (!ring_holds(row, rest)) return kMsgPartPending;
     if (verbose_log()) {
         log_dbg("get_msg_body, i:%d, m_nLoadLen:%d, temp_msg_process_len:%d.", static_cast<int>(index),
                 static_cast<int>(row.m_nLoadLen), row.temp_msg_process_len);
     }
-    if (rest == 0) return 0;
-    if (!wait_for_bytes(row, rest)) return 0;
     take_bytes(row, rest);
     if (verbose_log()) {
         log_dbg("get_msg_body end, i:%d, m_nLoadLen:%d, temp_msg_process_len:%d.", static_cast<int>(index),
@@ -166,73 +146,139 @@ int check_msg_header(AmtChannel* row, const uint8_t* buf, int32_t len) { return 
 
 int check_msg_header_ex(AmtChannel* row, const uint8_t* buf, int32_t len) { return check_header(row, buf, len, true); }
 
-void* treat_wfmgr_relate_buf_proc(void*) {
-    AmtChannel& row = listAmtSrv[kChannelWfmgr];
-    log_dbg("start treat_wfmgr_relate_buf_proc");
-    while (row.run_flag) {
-        Step s = wait_for_message_start(row, false);
-        if (s == Step::kStop) return channel_thread_stopped();
-        if (s == Step::kEnd) break;
-        row.temp_msg_process_len = 0;
-        get_msg_head(kChannelWfmgr);
-        if (pub_util_stop_requested()) return channel_thread_stopped();
-        check_msg_header(&row, row.temp_msg, row.temp_msg_process_len);
-        if (row.m_nLoadLen < kWfHeaderLen) {
-            // No marker to find the next message by: the stream cannot be
-            // trusted any more, so the link ends as a lost wfmgr does.
-            log_dbg("wfmgr message total_len:%u is below the header size %u, link out of step, closing it.",
-                    row.m_nLoadLen, static_cast<unsigned>(kWfHeaderLen));
-            row.m_socket_conn_status = kConnClosed;
-            pub_util_send_exit_signal();
-            break;
+namespace {
+
+TransferStep wfmgr_step(AmtChannel& row) {
+    for (;;) {
+        switch (row.assembly_phase) {
+            case AssemblyPhase::kStart:
+                if (isRingBufEmpty(&row.ring_buf) == 1) return TransferStep::kIdle;
+                row.temp_msg_process_len = 0;
+                row.assembly_phase = AssemblyPhase::kHeader;
+                break;
+            case AssemblyPhase::kHeader:
+                if (get_msg_head(kChannelWfmgr) != 0) return TransferStep::kMoreBytes;
+                check_msg_header(&row, row.temp_msg, row.temp_msg_process_len);
+                if (row.m_nLoadLen < kWfHeaderLen) {
+                    // No marker to find the next message by: the stream cannot
+                    // be trusted any more, so the link ends as a lost wfmgr does.
+                    log_dbg("wfmgr message total_len:%u is below the header size %u, link out of step, closing it.",
+                            row.m_nLoadLen, static_cast<unsigned>(kWfHeaderLen));
+                    row.assembly_phase = AssemblyPhase::kStart;
+                    row.m_socket_conn_status = kConnClosed;
+                    pub_util_send_exit_signal();
+                    return TransferStep::kOutOfStep;
+                }
+                if (row.m_nLoadLen > kWfMsgLenMax) {
+                    log_dbg("wfmgr message total_len:%u above %u, msg_id:0x%x skipped.", row.m_nLoadLen,
+                            kWfMsgLenMax, row.m_msg_cmd);
+                    row.skip_left = row.m_nLoadLen - static_cast<uint32_t>(kWfHeaderLen);
+                    row.assembly_phase = AssemblyPhase::kSkip;
+                    break;
+                }
+                row.assembly_phase = AssemblyPhase::kBody;
+                break;
+            case AssemblyPhase::kSkip:
+                if (!skip_bytes(row)) return TransferStep::kMoreBytes;
+                row.assembly_phase = AssemblyPhase::kStart;
+                break;
+            case AssemblyPhase::kBody:
+                if (get_msg_body(kChannelWfmgr) != 0) return TransferStep::kMoreBytes;
+                row.assembly_phase = AssemblyPhase::kStart;
+                dispatch_msg(&row);
+                return TransferStep::kDispatched;
+            case AssemblyPhase::kHead:  // no head on this link
+                row.assembly_phase = AssemblyPhase::kStart;
+                break;
         }
-        if (row.m_nLoadLen > kWfMsgLenMax) {
-            log_dbg("wfmgr message total_len:%u above %u, msg_id:0x%x skipped.", row.m_nLoadLen, kWfMsgLenMax,
-                    row.m_msg_cmd);
-            if (!skip_bytes(row, row.m_nLoadLen - static_cast<uint32_t>(kWfHeaderLen))) return channel_thread_stopped();
+    }
+}
+
+TransferStep pc_step(AmtChannel& row) {
+    for (;;) {
+        switch (row.assembly_phase) {
+            case AssemblyPhase::kStart:
+                if (isRingBufEmpty(&row.ring_buf) == 1) return TransferStep::kIdle;
+                // temp_msg is zero behind the frame before: only the bytes the
+                // last frame filled need clearing (handlers write nothing but
+                // zeros into it), not all 40 KiB at every frame.
+                memset(row.temp_msg, 0, static_cast<size_t>(row.temp_msg_process_len));
+                row.temp_msg_process_len = 0;
+                row.head_search = HeadSearch{};
+                row.assembly_phase = AssemblyPhase::kHead;
+                break;
+            case AssemblyPhase::kHead:
+                // Before any head byte matched nothing has started: the
+                // thread may sleep until bytes come, however long that takes.
+                if (!find_head(row)) return row.head_search.state == 0 ? TransferStep::kIdle : TransferStep::kMoreBytes;
+                memcpy(row.temp_msg, kFrameHead, sizeof(kFrameHead));
+                row.temp_msg_process_len += 4;
+                row.assembly_phase = AssemblyPhase::kHeader;
+                break;
+            case AssemblyPhase::kHeader: {
+                if (get_msg_head(kChannelPc) != 0) return TransferStep::kMoreBytes;
+                check_msg_header_ex(&row, row.temp_msg, row.temp_msg_process_len);
+                uint32_t frame_len = row.m_nLoadLen - 8;
+                if (frame_len < kPcFrameLenMin || frame_len > kPcFrameLenMax) {
+                    // The head search resumes right behind the 16 header bytes,
+                    // so a lying length costs this frame only, not the ones
+                    // behind it.
+                    log_dbg("frame_len:%u out of range (%u-%u), frame of cmd %u dropped.", frame_len,
+                            kPcFrameLenMin, kPcFrameLenMax, row.m_msg_cmd);
+                    row.assembly_phase = AssemblyPhase::kStart;
+                    break;
+                }
+                row.assembly_phase = AssemblyPhase::kBody;
+                break;
+            }
+            case AssemblyPhase::kBody:
+                if (get_msg_body(kChannelPc) != 0) return TransferStep::kMoreBytes;
+                row.assembly_phase = AssemblyPhase::kStart;
+                dispatch_msg_ex(&row);
+                return TransferStep::kDispatched;
+            case AssemblyPhase::kSkip:  // nothing is skipped on this link
+                row.assembly_phase = AssemblyPhase::kStart;
+                break;
+        }
+    }
+}
+
+// The loop of a transfer thread: a step, then the wait its result asks for.
+void* run_transfer_thread(uint32_t index, const char* stop_message) {
+    AmtChannel& row = listAmtSrv[index];
+    while (row.run_flag) {
+        if (!row.catch_log) {
+            if (!pub_util_msleep(kIdleMs)) return channel_thread_stopped();
             continue;
         }
-        get_msg_body(kChannelWfmgr);
+        TransferStep step = transfer_step(index);
+        if (step == TransferStep::kOutOfStep) break;
+        bool go_on = true;
+        if (step == TransferStep::kIdle) {
+            go_on = row.rcv_sem.wait();
+        } else if (step == TransferStep::kMoreBytes) {
+            go_on = row.rcv_sem.wait_for(kBytesWaitMs);
+        }
         if (pub_util_stop_requested()) return channel_thread_stopped();
-        dispatch_msg(&row);
-        if (pub_util_stop_requested()) return channel_thread_stopped();
+        if (!go_on) break;  // no semaphore: nothing could wake the thread again
     }
-    channel_thread_end(kChannelWfmgr, &AmtChannel::buf_thread_id, "stop treat_wfmgr_relate_buf_proc");
+    channel_thread_end(index, &AmtChannel::buf_thread_id, stop_message);
     return nullptr;
 }
 
+}  // namespace
+
+TransferStep transfer_step(uint32_t index) {
+    AmtChannel& row = listAmtSrv[index];
+    return index == kChannelPc ? pc_step(row) : wfmgr_step(row);
+}
+
+void* treat_wfmgr_relate_buf_proc(void*) {
+    log_dbg("start treat_wfmgr_relate_buf_proc");
+    return run_transfer_thread(kChannelWfmgr, "stop treat_wfmgr_relate_buf_proc");
+}
+
 void* treat_chansrv_relate_buf_proc(void*) {
-    AmtChannel& row = listAmtSrv[kChannelPc];
     log_dbg("start treat_chansrv_relate_buf_proc");
-    while (row.run_flag) {
-        Step s = wait_for_message_start(row, true);
-        if (s == Step::kStop) return channel_thread_stopped();
-        if (s == Step::kEnd) break;
-        if (isRingBufEmpty(&row.ring_buf) == 1) continue;
-        // temp_msg is zero behind the frame before: only the bytes the last
-        // frame filled need clearing (handlers write nothing but zeros into
-        // it), not all 40 KiB at every frame.
-        memset(row.temp_msg, 0, static_cast<size_t>(row.temp_msg_process_len));
-        row.temp_msg_process_len = 0;
-        if (!find_head(row)) return channel_thread_stopped();
-        memcpy(row.temp_msg, kFrameHead, sizeof(kFrameHead));
-        row.temp_msg_process_len += 4;
-        get_msg_head(kChannelPc);
-        if (pub_util_stop_requested()) return channel_thread_stopped();
-        check_msg_header_ex(&row, row.temp_msg, row.temp_msg_process_len);
-        uint32_t frame_len = row.m_nLoadLen - 8;
-        if (frame_len < kPcFrameLenMin || frame_len > kPcFrameLenMax) {
-            // The head search resumes right behind the 16 header bytes, so a
-            // lying length costs this frame only, not the ones behind it.
-            log_dbg("frame_len:%u out of range (%u-%u), frame of cmd %u dropped.", frame_len, kPcFrameLenMin,
-                    kPcFrameLenMax, row.m_msg_cmd);
-            continue;
-        }
-        get_msg_body(kChannelPc);
-        if (pub_util_stop_requested()) return channel_thread_stopped();
-        dispatch_msg_ex(&row);
-        if (pub_util_stop_requested()) return channel_thread_stopped();
-    }
-    channel_thread_end(kChannelPc, &AmtChannel::buf_thread_id, "stop treat_chansrv_relate_buf_proc");
-    return nullptr;
+    return run_transfer_thread(kChannelPc, "stop treat_chansrv_relate_buf_proc");
 }

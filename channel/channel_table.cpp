@@ -64,6 +64,9 @@ int ovta_amt_init() {
         row.down_total = 0;
         row.up_total = 0;
         row.temp_msg_process_len = 0;
+        row.assembly_phase = AssemblyPhase::kStart;
+        row.head_search = HeadSearch{};
+        row.skip_left = 0;
         row.not_enough_count = 0;
         row.m_socket_conn_status = kConnNotYet;
         if (!row.rcv_sem.create(0)) log_dbg("rcv_sem of row %d: eventfd error:%d-%s", static_cast<int>(i), errno, strerror(errno));

@@ -4,11 +4,15 @@
 # seed corpus in tests/fuzz/corpus/<what>/. Fails on any crash, leak or
 # sanitizer report; the input that caused it is kept in build-fuzz/artifacts/.
 #
-#   scripts/fuzz.sh [SECONDS] [SEED]
+#   scripts/fuzz.sh [SECONDS] [SEED] [TARGET...]
 #
 # Without SEED every run explores anew. With SEED, libFuzzer mutates in the
 # same order each time, so a short run is a repeatable check (the test command
 # uses one) and a longer run with the same SEED covers every shorter one.
+# TARGETs (fuzz_config, ...) limit the run to those; SEED "-" means none.
+# With FUZZ_RUNS=N in the environment each target runs N inputs instead of
+# SECONDS (the long runs). Each target keeps its own scratch corpus and log in
+# build-fuzz/run/, so runs of different targets may go on at the same time.
 #
 # The targets run in a sandbox whose root is read-only (only a fresh /tmp and
 # the run's own directories are writable): a fuzzed message may point the
@@ -17,14 +21,17 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 seconds=${1:-60}
 seed_arg=()
-[ $# -ge 2 ] && seed_arg=(-seed="$2")
+[ $# -ge 2 ] && [ "$2" != - ] && seed_arg=(-seed="$2")
+shift $(($# < 2 ? $# : 2))
+only=("$@")
+limit_arg=(-max_total_time="$seconds")
+[ -n "${FUZZ_RUNS:-}" ] && limit_arg=(-runs="$FUZZ_RUNS")
 scripts/install-deps.sh
 cmake --preset fuzz >/dev/null
 cmake --build --preset fuzz -j2
 
 # New inputs go to a scratch corpus: the seeds in the repository stay as they are.
 work=$PWD/build-fuzz/run
-rm -rf "$work"
 mkdir -p "$work" build-fuzz/artifacts
 # The checkout is bound again after the fresh /tmp, which would hide one that
 # lies below /tmp.
@@ -34,17 +41,29 @@ failed=()
 for target in build-fuzz/fuzz_*; do
   [ -x "$target" ] || continue
   name=$(basename "$target")
+  if [ ${#only[@]} -gt 0 ] && [[ " ${only[*]} " != *" $name "* ]]; then continue; fi
   seeds=tests/fuzz/corpus/${name#fuzz_}
+  rm -rf "${work:?}/$name"
   mkdir -p "$work/$name" "$seeds"
   # The agent's own log goes to stderr; -close_fd_mask=2 silences it while
   # libFuzzer and the sanitizers still report on their own copy of stderr.
   # A wfmgr stream out of step ends the agent by SIGTERM to itself, which the
   # stream targets ignore: libFuzzer must not take it for a stop.
-  if "${sandbox[@]}" "$target" "${seed_arg[@]}" -max_total_time="$seconds" -max_len=65536 -close_fd_mask=2 -handle_term=0 \
+  # The shell around the target adds its processor time to the log ("cpu
+  # seconds"): on a shared machine the rate per wall second says as much about
+  # the other users as about the target.
+  if "${sandbox[@]}" bash -c 'start=$SECONDS; "$@"; rc=$?
+       echo "wall seconds: $((SECONDS - start)); processor time (user, system) of the shell, then of the target:"
+       times; exit $rc' _ \
+       "$target" "${seed_arg[@]}" "${limit_arg[@]}" -max_len=65536 -close_fd_mask=2 -handle_term=0 \
        -print_final_stats=1 -artifact_prefix="$PWD/build-fuzz/artifacts/$name-" "$work/$name" "$seeds" \
        >"$work/$name.log" 2>&1; then
     runs=$(grep -m1 -o 'stat::number_of_executed_units: *[0-9]*' "$work/$name.log" | grep -o '[0-9]*$' || true)
-    printf '%-24s ok   %s runs in %ss\n' "$name" "${runs:-?}" "$seconds"
+    rate=$(grep -m1 -o 'stat::average_exec_per_sec: *[0-9]*' "$work/$name.log" | grep -o '[0-9]*$' || true)
+    wall=$(grep -m1 -o '^wall seconds: [0-9]*' "$work/$name.log" | grep -o '[0-9]*$' || true)
+    cpu=$(grep -m1 -A2 '^wall seconds' "$work/$name.log" | tail -n 1 || true)
+    printf '%-24s ok   %s runs in %s s, %s a second; processor time (user, system) %s\n' \
+      "$name" "${runs:-?}" "${wall:-?}" "${rate:-?}" "${cpu:-?}"
   else
     printf '%-24s FAILED\n' "$name"
     tail -n 60 "$work/$name.log"

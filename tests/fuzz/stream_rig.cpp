@@ -1,20 +1,15 @@
 #include "stream_rig.hpp"
 
-#include <atomic>
 #include <csignal>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
-#include <pthread.h>
-#include <sched.h>
 #include <sys/statvfs.h>
-#include <thread>
 #include <unistd.h>
-#include <vector>
 
 #include "channel/amt_channel.hpp"
 #include "process/config.hpp"
-#include "process/pub_util.hpp"
 #include "services/rftab_list.hpp"
 #include "services/wf_id.hpp"
 
@@ -22,6 +17,10 @@ namespace fuzz {
 namespace {
 
 constexpr size_t kStreamMax = kRingCapacity;  // the ring holds a whole input: a chunk never waits for room
+// Cuts per input: each costs a few ring operations, and a long stream cut
+// into single bytes would take most of the fuzzer's time. The rest of the
+// stream behind the last cut comes in one piece.
+constexpr size_t kMaxChunks = 1024;
 constexpr const char* kNoDirectory = "/nonexistent-ovta-fuzz/";
 
 bool read_only_root() {
@@ -34,52 +33,83 @@ bool set_up() {
         fprintf(stderr, "the stream targets run only on a read-only root: use scripts/fuzz.sh\n");
         return false;
     }
+    // A wfmgr stream out of step ends the service by SIGTERM to the process;
+    // here that must not end the fuzzer.
+    signal(SIGTERM, SIG_IGN);
     cfg_init();
     config_file_st.m_usb_activate = 0;
     ovta_amt_init();
-    static const int dev_null = open("/dev/null", O_WRONLY | O_CLOEXEC);
+    const int dev_null = open("/dev/null", O_WRONLY | O_CLOEXEC);
+    if (dev_null < 0) return false;
     for (uint32_t i = 0; i < 2; ++i) {
-        listAmtSrv[i].fd = dev_null;
-        listAmtSrv[i].m_socket_conn_status = kConnOpen;
+        AmtChannel& row = listAmtSrv[i];
+        row.fd = dev_null;
+        row.catch_log = 1;
+        if (initializeRingBuf(&row.ring_buf, kRingCapacity) != 0) return false;
     }
-    return dev_null >= 0;
+    return true;
 }
 
 // What one input may have changed for the next: the two directories, the RF
-// table list, the current wf_id; and the row itself.
+// table list, the current wf_id, and the row: its link state, its ring and
+// where its assembly stands. temp_msg is cleared too, so that an input that
+// fails alone fails again when it is run again.
 void reset(AmtChannel& row) {
     cfg_set_amt_relate_path(kNoDirectory);
     cfg_set_rf_relate_path(kNoDirectory);
     rftab_list_clear();
     set_wf_id(kNoWfId);
-    row.run_flag = 1;
-    row.catch_log = 1;
-    row.closed_flag = 1;  // a thread that ends by itself must not close the row
-    row.buf_thread_id = pthread_t{};
+    for (uint32_t i = 0; i < 2; ++i) listAmtSrv[i].m_socket_conn_status = kConnOpen;
     row.temp_msg_process_len = 0;
     row.m_nLoadLen = 0;
     row.m_msg_cmd = 0;
+    row.assembly_phase = AssemblyPhase::kStart;
+    row.head_search = HeadSearch{};
+    row.skip_left = 0;
     memset(row.temp_msg, 0, sizeof(row.temp_msg));
-    row.rcv_sem.create(0);
-    row.room_sem.create(0);
-    initializeRingBuf(&row.ring_buf, kRingCapacity);
+    int32_t left = getRingBufDataLen(&row.ring_buf);
+    while (left > 0) {
+        uint8_t drop[4096];
+        int32_t got = readRingBuf(&row.ring_buf, drop, sizeof(drop));
+        if (got <= 0) abort();
+        left -= got;
+    }
 }
 
-std::vector<size_t> chunk_sizes(const uint8_t*& data, size_t& size) {
-    std::vector<size_t> sizes;
-    if (size == 0) return sizes;
+size_t take_chunk_sizes(const uint8_t*& data, size_t& size, size_t* sizes) {
+    if (size == 0) return 0;
     size_t n = data[0] & 7u;
     ++data;
     --size;
     if (n > size) n = size;
-    for (size_t i = 0; i < n; ++i) sizes.push_back(static_cast<size_t>(data[i]) + 1);
+    for (size_t i = 0; i < n; ++i) sizes[i] = static_cast<size_t>(data[i]) + 1;
     data += n;
     size -= n;
-    return sizes;
+    return n;
 }
 
-void wait_until_taken(const AmtChannel& row, const std::atomic<bool>& done) {
-    while (!row.rcv_sem.has_sleeper() && !done.load()) sched_yield();
+// Runs the steps that the bytes in the ring allow, up to the point where the
+// thread would wait. False when the link has ended.
+bool steps_until_wait(uint32_t index, TransferStep* last) {
+    for (;;) {
+        TransferStep step = transfer_step(index);
+        if (step == TransferStep::kDispatched) continue;
+        *last = step;
+        return step != TransferStep::kOutOfStep;
+    }
+}
+
+// The thread now waits for bytes that do not come: the wait must be sound.
+// Checked once, at the input's end: any state at a cut inside the stream is
+// also the end state of a shorter input.
+void check_wait(uint32_t index, TransferStep step) {
+    AmtChannel& row = listAmtSrv[index];
+    const int32_t held = getRingBufDataLen(&row.ring_buf);
+    // Bytes left in the ring behind an endless wait would lie there until
+    // the peer sends again.
+    if (step == TransferStep::kIdle && held != 0) __builtin_trap();
+    // A wake-up without new bytes must change nothing.
+    if (transfer_step(index) != step || getRingBufDataLen(&row.ring_buf) != held) __builtin_trap();
 }
 
 }  // namespace
@@ -91,47 +121,21 @@ bool stream_rig_ready() {
 
 void run_stream(uint32_t index, const uint8_t* data, size_t size) {
     if (!stream_rig_ready()) abort();
-    // A wfmgr stream out of step ends the service by SIGTERM to the process;
-    // here that must not end the fuzzer.
-    signal(SIGTERM, SIG_IGN);
-    std::vector<size_t> sizes = chunk_sizes(data, size);
+    size_t sizes[8];
+    const size_t n_sizes = take_chunk_sizes(data, size, sizes);
     if (size > kStreamMax) size = kStreamMax;
     AmtChannel& row = listAmtSrv[index];
     reset(row);
-
-    std::atomic<bool> done{false};
-    const pthread_t transfer = pthread_self();
-    std::thread feeder([&] {
-        size_t pos = 0;
-        for (size_t i = 0; pos < size; ++i) {
-            size_t n = sizes.empty() ? size : sizes[i % sizes.size()];
-            if (n > size - pos) n = size - pos;
-            wait_until_taken(row, done);
-            if (done.load()) return;
-            writeRingBuf(&row.ring_buf, data + pos, static_cast<uint32_t>(n));
-            row.rcv_sem.post();
-            pos += n;
-        }
-        wait_until_taken(row, done);
-        if (done.load()) return;
-        ThreadHandle handle{transfer};
-        pub_util_kill_thread(&handle);
-    });
-    {
-        // The agent starts its transfer threads stoppable; here the fuzzer's
-        // own thread plays that thread, stopped by the feeder at the end.
-        ThreadStopScope stoppable;
-        if (index == kChannelPc) {
-            treat_chansrv_relate_buf_proc(nullptr);
-        } else {
-            treat_wfmgr_relate_buf_proc(nullptr);
-        }
+    size_t pos = 0;
+    TransferStep last = TransferStep::kIdle;
+    for (size_t i = 0; pos < size; ++i) {
+        size_t n = n_sizes == 0 || i + 1 >= kMaxChunks ? size - pos : sizes[i % n_sizes];
+        if (n > size - pos) n = size - pos;
+        if (writeRingBuf(&row.ring_buf, data + pos, static_cast<uint32_t>(n)) != static_cast<int32_t>(n)) abort();
+        pos += n;
+        if (!steps_until_wait(index, &last)) return;
     }
-    done = true;
-    feeder.join();
-    releaseRingBuf(&row.ring_buf);
-    row.rcv_sem.destroy();
-    row.room_sem.destroy();
+    check_wait(index, last);
 }
 
 }  // namespace fuzz
