@@ -234,17 +234,10 @@ int main(int argc, char** argv) {
             return 2;
         }
     }
-    std::string why;
-    if (!sandbox::enter_private_network(&why)) {
-        fprintf(stderr, "ovta-demo: no private network: %s\n", why.c_str());
-        return 1;
-    }
     // Ctrl-C and SIGTERM are taken here with sigtimedwait, in the main loop.
     sigset_t stop_set;
-    sigemptyset(&stop_set);
-    sigaddset(&stop_set, SIGINT);
-    sigaddset(&stop_set, SIGTERM);
-    pthread_sigmask(SIG_BLOCK, &stop_set, nullptr);
+    if (!sandbox::start_phone_program("ovta-demo", &stop_set)) return 1;
+    std::string why;
 
     const std::string bin = binary_dir();
     sandbox::PhoneSetup setup;

@@ -87,17 +87,9 @@ int main(int argc, char** argv) {
         fprintf(stderr, "usage: ovta-fixture [--phones N] [--table-bytes N] [--runs K] [--time] -- PROGRAM ARGS...\n");
         return 2;
     }
-    std::string why;
-    if (!sandbox::enter_private_network(&why)) {
-        fprintf(stderr, "ovta-fixture: no private network: %s\n", why.c_str());
-        return 1;
-    }
     // Ctrl-C is the program's; the fixture only waits for it to end.
     sigset_t stop_set;
-    sigemptyset(&stop_set);
-    sigaddset(&stop_set, SIGINT);
-    sigaddset(&stop_set, SIGTERM);
-    pthread_sigmask(SIG_BLOCK, &stop_set, nullptr);
+    if (!sandbox::start_phone_program("ovta-fixture", &stop_set)) return 1;
 
     const std::string bin = binary_dir();
     sandbox::FixtureSetup setup;

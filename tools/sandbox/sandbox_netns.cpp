@@ -1,6 +1,8 @@
 #include "sandbox_netns.hpp"
 
 #include <cerrno>
+#include <cstdio>
+#include <pthread.h>
 #include <cstring>
 #include <fcntl.h>
 #include <net/if.h>
@@ -77,6 +79,19 @@ bool enter_private_network(std::string* why) {
         }
     }
     return bring_loopback_up(why);
+}
+
+bool start_phone_program(const char* program, sigset_t* stop_set) {
+    std::string why;
+    if (!enter_private_network(&why)) {
+        fprintf(stderr, "%s: no private network: %s\n", program, why.c_str());
+        return false;
+    }
+    sigemptyset(stop_set);
+    sigaddset(stop_set, SIGINT);
+    sigaddset(stop_set, SIGTERM);
+    pthread_sigmask(SIG_BLOCK, stop_set, nullptr);
+    return true;
 }
 
 }  // namespace sandbox

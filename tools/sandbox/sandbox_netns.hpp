@@ -4,6 +4,7 @@
 // send reach it without reaching the host's daemons.
 #pragma once
 
+#include <csignal>
 #include <string>
 
 namespace sandbox {
@@ -15,5 +16,12 @@ namespace sandbox {
 // namespace is made; otherwise a user namespace that maps the caller to root
 // comes with it. On failure returns false and says why in `why`.
 bool enter_private_network(std::string* why);
+
+// The start of a program that lays out phones (the demonstration, the
+// fixture): enter_private_network, then SIGINT and SIGTERM blocked in this
+// and every later thread, so that the program takes them where it chooses
+// (`stop_set` gets the two). On failure says so on stderr under `program`'s
+// name and returns false.
+bool start_phone_program(const char* program, sigset_t* stop_set);
 
 }  // namespace sandbox
