@@ -19,7 +19,6 @@
 #include <fstream>
 #include <optional>
 #include <string>
-#include <termios.h>
 #include <vector>
 
 #include "pc/lib/answer_json.hpp"
@@ -28,9 +27,9 @@
 #include "pc/lib/pc_exchange.hpp"
 #include "pc/lib/pc_requests.hpp"
 #include "pc/lib/progress_bar.hpp"
-#include "pc/lib/serial_port.hpp"
 #include "pc/lib/table_transfer.hpp"
 #include "pc/lib/whole_file.hpp"
+#include "pc/os/line.hpp"
 
 namespace {
 
@@ -248,7 +247,7 @@ std::string first_line(const std::string& text) { return text.substr(0, text.fin
 
 class Pc {
 public:
-    Pc(const Options& opt, int fd) : opt_(opt), link_(fd) {}
+    Pc(const Options& opt, pcos::Line& line, const pcos::Stop* stop) : opt_(opt), link_(line, stop) {}
 
     // One command whose answer `read` decodes.
     int single(const char* name, uint32_t cmd, const std::vector<uint8_t>& body, const tools::AnswerReader& read) {
@@ -684,14 +683,17 @@ int main(int argc, char** argv) {
     if (!command.parse()) return kExitUsage;
 
     std::string error;
-    UniqueFd fd = tools::open_raw_serial(opt->device, &error);
-    if (!fd.valid()) {
+    pcos::Line line = pcos::Line::open(opt->device, &error);
+    if (!line.valid()) {
         fail("%s", error.c_str());
         return kExitUsage;
     }
     // What waits on the line is no answer to this command: earlier frames, or
     // the handshake that the agent offers until the PC first writes.
-    tcflush(fd.get(), TCIFLUSH);
-    Pc pc(*opt, fd.get());
+    line.discard_input();
+    // Ctrl-C ends the wait for the answer; the program then says so and ends.
+    pcos::Stop stop;
+    const bool stoppable = pcos::raise_on_interrupt(stop);
+    Pc pc(*opt, line, stoppable ? &stop : nullptr);
     return command.run(pc);
 }
