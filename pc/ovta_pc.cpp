@@ -111,7 +111,7 @@ struct Options {
     std::vector<std::string> words;  // the command and its arguments
 };
 
-void fail(const char* fmt, ...) __attribute__((format(printf, 1, 2)));
+void fail(const char* fmt, ...) __attribute__((format(gnu_printf, 1, 2)));
 void fail(const char* fmt, ...) {
     va_list args;
     va_start(args, fmt);

@@ -24,7 +24,7 @@ constexpr size_t kDateField = 12;
 constexpr size_t kBoardMax = 20;
 constexpr size_t kDescriptionMax = 127;
 
-std::string format(const char* fmt, ...) __attribute__((format(printf, 1, 2)));
+std::string format(const char* fmt, ...) __attribute__((format(gnu_printf, 1, 2)));
 std::string format(const char* fmt, ...) {
     char line[512];
     va_list args;

@@ -6,7 +6,7 @@
 #include <cwctype>
 
 #include "pc/os/line.hpp"
-#include "pc/os/win32/win32_error.hpp"
+#include "pc/os/win32/win32_text.hpp"
 
 namespace pcos {
 
@@ -49,6 +49,14 @@ std::vector<std::string> list_lines(const std::string& pattern) {
         return a.size() != b.size() ? a.size() < b.size() : a < b;
     });
     return names;
+}
+
+std::wstring widen(const std::string& text) {
+    std::wstring wide(text.size(), L'\0');
+    const int n = MultiByteToWideChar(CP_UTF8, 0, text.data(), static_cast<int>(text.size()), wide.data(),
+                                      static_cast<int>(wide.size()));
+    wide.resize(n > 0 ? static_cast<size_t>(n) : 0);
+    return wide;
 }
 
 std::string win32_error_text(unsigned long code) {

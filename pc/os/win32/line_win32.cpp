@@ -15,7 +15,7 @@
 #include <utility>
 
 #include "pc/os/line.hpp"
-#include "pc/os/win32/win32_error.hpp"
+#include "pc/os/win32/win32_text.hpp"
 
 namespace pcos {
 
@@ -28,14 +28,6 @@ DWORD wait_ms(Deadline deadline) {
     auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
     if (left.count() <= 0) return 0;
     return static_cast<DWORD>(std::min<long long>(left.count(), INFINITE - 1));
-}
-
-std::wstring widen(const std::string& text) {
-    std::wstring wide(text.size(), L'\0');
-    const int n = MultiByteToWideChar(CP_UTF8, 0, text.data(), static_cast<int>(text.size()), wide.data(),
-                                      static_cast<int>(wide.size()));
-    wide.resize(n > 0 ? static_cast<size_t>(n) : 0);
-    return wide;
 }
 
 // COM3 becomes \\.\COM3, the form that also reaches COM10 and above.
