@@ -257,7 +257,7 @@ public:
         if (opt_.json) {
             print_json(tools::judged_json(name, j));
         } else if (j.outcome == tools::Outcome::kLineFailed || j.outcome == tools::Outcome::kPreResponseOnly ||
-            j.outcome == tools::Outcome::kNothing) {
+                   j.outcome == tools::Outcome::kNothing || j.outcome == tools::Outcome::kStopped) {
             printf("%s: %s\n", name, why_none(j.outcome, j.answer.text).c_str());
         } else {
             printf("%s\n", j.answer.text.c_str());
@@ -284,6 +284,9 @@ public:
         int code = kExitAccepted;
         if (ex.line_failed) {
             fail("reading %s failed or the line went away", opt_.device.c_str());
+            code = kExitUsage;
+        } else if (ex.stopped) {
+            printf("stopped before the answer came\n");
             code = kExitUsage;
         } else if (opt_.no_response) {
             code = ex.pre_response() ? kExitAccepted : kExitNothing;
@@ -368,6 +371,7 @@ private:
     // The text of an exchange that brought no answer, with where or how long.
     std::string why_none(tools::Outcome outcome, const std::string& text) const {
         if (outcome == tools::Outcome::kLineFailed) return text + " (" + opt_.device + ")";
+        if (outcome == tools::Outcome::kStopped) return text;
         return text + " within " + std::to_string(opt_.timeout_ms) + " ms";
     }
 
@@ -434,9 +438,9 @@ private:
     int send_json(uint32_t cmd, const tools::Exchange& ex, const std::optional<tools::DecodedPcFrame>& answer) {
         int code = kExitAccepted;
         const char* outcome = "accepted";
-        if (ex.line_failed) {
+        if (ex.line_failed || ex.stopped) {
             code = kExitUsage;
-            outcome = "line-failed";
+            outcome = ex.stopped ? "stopped" : "line-failed";
         } else if (opt_.no_response) {
             code = ex.pre_response() ? kExitAccepted : kExitNothing;
             outcome = ex.pre_response() ? "accepted" : "nothing";

@@ -8,7 +8,8 @@
 //     with ERROR_TIMEOUT (Wine); both mean "no more for now";
 //   - a line that goes away fails a read with ERROR_BROKEN_PIPE, a write with
 //     ERROR_NOT_READY, a reopen with ERROR_FILE_NOT_FOUND: each is a failed
-//     line, like every other error.
+//     line, like every other error; a read that ends with no bytes at all
+//     asks ClearCommError, which fails on a line that is gone.
 #include <windows.h>
 
 #include <algorithm>
@@ -34,6 +35,13 @@ DWORD wait_ms(Deadline deadline) {
 std::string device_path(const std::string& name) {
     if (name.rfind("\\\\.\\", 0) == 0) return name;
     return "\\\\.\\" + name;
+}
+
+// ClearCommError fails (ERROR_NOT_READY) once the device is gone.
+bool line_alive(HANDLE line) {
+    DWORD errors = 0;
+    COMSTAT state{};
+    return ClearCommError(line, &errors, &state) != 0;
 }
 
 enum class Waited { kDone, kTimeout, kStopped, kFailed };
@@ -162,8 +170,16 @@ long Line::read_some(std::span<uint8_t> buf, Deadline deadline, const Stop* stop
         switch (w) {
             case Waited::kDone:
             case Waited::kTimeout:
-                // A gap with no bytes is no answer yet: read on until the deadline.
                 if (got > 0) return static_cast<long>(got);
+                // A read that ends with no bytes is either a gap or a line
+                // that went away (which reads like silence): the port's state
+                // tells them apart. A gap waits a little before the next read.
+                if (!line_alive(handle_)) return kReadFailed;
+                if (stop != nullptr) {
+                    WaitForSingleObject(stop->native(), std::min(kGapMs, wait_ms(deadline)));
+                } else {
+                    Sleep(std::min(kGapMs, wait_ms(deadline)));
+                }
                 continue;
             case Waited::kStopped: return kReadStopped;
             case Waited::kFailed: return kReadFailed;
