@@ -44,6 +44,21 @@ std::vector<std::string> list_lines(const std::string& pattern) {
         if (matches(bare.c_str(), name.c_str())) names.push_back(name);
         at += name.size() + 1;
     }
+    // Ports that the list leaves out but that open by name (Wine lists only
+    // the ports of its registry, not those linked in the prefix). Opening
+    // for no access moves no byte; a port that another program holds is
+    // there too.
+    for (int i = 1; i <= 256; ++i) {
+        const std::string name = "COM" + std::to_string(i);
+        if (!matches(bare.c_str(), name.c_str()) || std::find(names.begin(), names.end(), name) != names.end()) continue;
+        HANDLE h = CreateFileA(("\\\\.\\" + name).c_str(), 0, 0, nullptr, OPEN_EXISTING, 0, nullptr);
+        if (h != INVALID_HANDLE_VALUE) {
+            CloseHandle(h);
+            names.push_back(name);
+        } else if (GetLastError() == ERROR_ACCESS_DENIED || GetLastError() == ERROR_SHARING_VIOLATION) {
+            names.push_back(name);
+        }
+    }
     // COM2 before COM10.
     std::sort(names.begin(), names.end(), [](const std::string& a, const std::string& b) {
         return a.size() != b.size() ? a.size() < b.size() : a < b;
