@@ -1,3 +1,5 @@
+// The words of ovta-pc's command line checked and made into one request.
+// Main thread only; nothing here touches the line.
 #include "pc/ovta_pc/command.hpp"
 
 #include <algorithm>
@@ -45,6 +47,7 @@ std::optional<std::vector<uint8_t>> read_file_start(const std::string& path, siz
     return bytes;
 }
 
+// Refuses the options that the command does not take.
 bool only_options(const Options& opt, bool body, bool out, bool in, bool slice) {
     const char* stray = nullptr;
     if (!body && opt.body_file) stray = "--file";

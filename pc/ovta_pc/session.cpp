@@ -1,3 +1,5 @@
+// ovta-pc's session on the line: each request run through the PC link,
+// its answer printed as text or JSON, and the exit status. Main thread only.
 #include "pc/ovta_pc/session.hpp"
 
 #include <algorithm>

@@ -50,7 +50,8 @@ std::vector<std::string> list_lines(const std::string& pattern) {
     // there too.
     for (int i = 1; i <= 256; ++i) {
         const std::string name = "COM" + std::to_string(i);
-        if (!matches(bare.c_str(), name.c_str()) || std::find(names.begin(), names.end(), name) != names.end()) continue;
+        if (!matches(bare.c_str(), name.c_str())) continue;
+        if (std::find(names.begin(), names.end(), name) != names.end()) continue;
         HANDLE h = CreateFileA(("\\\\.\\" + name).c_str(), 0, 0, nullptr, OPEN_EXISTING, 0, nullptr);
         if (h != INVALID_HANDLE_VALUE) {
             CloseHandle(h);
