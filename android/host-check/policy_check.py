@@ -6,8 +6,9 @@ android/sepolicy/ join the base's public/ and private/ as a system_ext private
 folder, in the order that release's build concatenates them, through m4 with
 the build's defines, then `checkpolicy -M -c 30`, which enforces every
 neverallow. The contexts files are then checked against the compiled policy
-with setools, and the properties the agent reads and sets are resolved
-through the base's property_contexts and looked up in the policy's rules.
+with setools, and each thing the agent touches (the files and devices, the
+properties it reads and sets) is labelled through the base's contexts and
+the project's and looked up in the compiled rules.
 
 Every failure names the release, the project's file and line, and the base
 rule it breaks. Exit status 0 when every release passes.
@@ -65,6 +66,47 @@ PROPERTIES = [
     ("ro.board.platform", "read"),
     ("sys.tq.amt.failure.handshake", "set"),
 ]
+# What the agent does to each object, as (object, class, permissions): a path
+# is labelled through the base's file_contexts and the project's (a /sys path
+# through genfs_contexts), "type:T" names a label no file path gives (sockets,
+# ports, the lock's tmpfs on Android 11 to 13). Each access must be allowed
+# to the domain, by the project's rules or the base's.
+ACCESSES = [
+    ("/system/bin/ovta-amt", "file", {"entrypoint", "read", "execute", "map"}),
+    ("/dev/ttyGS3", "chr_file", {"open", "read", "write", "ioctl", "getattr"}),
+    ("/sys/devices/virtual/android_usb/android0/state", "file", {"open", "read", "getattr"}),
+    ("/sys/class/android_usb", "dir", {"search"}),
+    ("/sys/class/android_usb/android0", "lnk_file", {"read"}),
+    ("/sys/devices/virtual/android_usb/android0", "dir", {"search"}),
+    ("type:ovta_amt", "netlink_kobject_uevent_socket", {"create", "bind", "setopt", "read"}),
+    ("/dev/graphics", "dir", {"search"}),
+    ("/dev/graphics/fb0", "chr_file", {"open", "read", "write", "ioctl", "map"}),
+    ("/dev/tty0", "chr_file", {"open", "read", "write", "ioctl"}),
+    ("type:ovta_amt", "capability", {"sys_tty_config"}),
+    ("/amt", "dir", {"search", "write", "add_name", "remove_name", "create"}),
+    ("/amt/power_usb_amt.txt", "file", {"create", "open", "read", "write", "rename", "unlink", "getattr"}),
+    ("/system/bin/toybox", "file", {"open", "read", "execute", "execute_no_trans", "map"}),
+    ("/system/bin/sync", "lnk_file", {"read"}),
+    ("/storage", "dir", {"search"}),
+    ("type:vfat", "filesystem", {"getattr"}),
+    ("/system/etc/ovta_amt.ini", "file", {"open", "read", "getattr"}),
+    ("/system/lib64/hw", "dir", {"search"}),
+    ("/system/lib64/hw/amt.platform.misc.so", "file", {"open", "read", "getattr", "execute", "map"}),
+    ("type:ovta_amt", "tcp_socket", {"create", "connect", "read", "write", "getopt"}),
+    ("type:port", "tcp_socket", {"name_connect"}),
+    ("type:ovta_amt_tmp_file", "dir", {"search", "write", "add_name"}),
+    ("type:ovta_amt_tmp_file", "file", {"create", "open", "read", "write", "lock"}),
+    ("type:ovta_amt", "process", {"signal"}),
+]
+# What others do for the agent: init mounts the lock's tmpfs on Android 11 to
+# 13 with rootcontext=, which the tmpfs must take (associate). As
+# (domain, object, class, permissions).
+OTHER_ACCESSES = [
+    ("init", "type:tmpfs", "filesystem", {"mount", "relabelfrom"}),
+    ("ovta_amt_tmp_file", "type:tmpfs", "filesystem", {"associate"}),
+]
+FILE_TYPE_OF_CLASS = {"file": "--", "dir": "-d", "chr_file": "-c", "blk_file": "-b", "lnk_file": "-l",
+                      "sock_file": "-s", "fifo_file": "-p"}
 PROPERTY_VALUE_TYPES = {"string", "bool", "int", "uint", "double", "enum"}
 
 
@@ -428,6 +470,60 @@ def check_file_contexts(policy, release, release_root, failures):
                                 % (release, where, path, bctx, release, bn, ctx))
 
 
+def file_label(path, cls, release_root):
+    """The label file_contexts gives a path: the closest entry, of equals the
+    later (the project's come after the base's)."""
+    best = None
+    entries = [(e, "base") for e in read_fc(os.path.join(release_root, "private", "file_contexts"))] + \
+              [(e, "project") for e in read_fc(os.path.join(PROJECT, "file_contexts"))]
+    for (n, regex, ftype, ctx), _ in entries:
+        if ftype == "?" or (ftype and ftype != FILE_TYPE_OF_CLASS.get(cls)):
+            continue
+        try:
+            if not re.fullmatch(regex, path):
+                continue
+        except re.error:
+            continue
+        key = fc_key(regex, ftype)
+        if best is None or key >= best[0]:
+            best = (key, ctx)
+    return best[1].split(":")[2] if best else None
+
+
+def genfs_label(path, release_root):
+    """The label genfs_contexts gives a /sys path: the longest prefix."""
+    best = None
+    rel = path[len("/sys"):]
+    for src in (os.path.join(release_root, "private", "genfs_contexts"), os.path.join(PROJECT, "genfs_contexts")):
+        for n, f in context_lines(src):
+            if len(f) >= 4 and f[1] == "sysfs" and rel.startswith(f[2]) and (best is None or len(f[2]) >= best[0]):
+                best = (len(f[2]), f[-1])
+    return best[1].split(":")[2] if best else "sysfs"
+
+
+def check_accesses(policy, release, release_root, failures):
+    """Each thing the agent does is allowed to its domain, whoever's rule allows it."""
+    import setools
+    for domain, obj, cls, perms in [(DOMAIN,) + a for a in ACCESSES] + OTHER_ACCESSES:
+        if obj.startswith("type:"):
+            label = obj[len("type:"):]
+        elif obj.startswith("/sys/"):
+            label = genfs_label(obj, release_root)
+        else:
+            label = file_label(obj, cls, release_root)
+        if label is None:
+            failures.append("android-%s: %s has no label in file_contexts" % (release, obj))
+            continue
+        granted = set()
+        q = setools.TERuleQuery(policy, ruletype=["allow"], source=domain, target=label, tclass=[cls])
+        for rule in q.results():
+            granted |= {str(p) for p in rule.perms}
+        missing = perms - granted
+        if missing:
+            failures.append("android-%s: %s/ovta_amt.te: %s may not %s %s (%s:%s)"
+                            % (release, project_name(), domain, " ".join(sorted(missing)), obj, label, cls))
+
+
 def check_entry_domains(policy, exec_type, where, release, failures):
     """A domain entered from a /system program runs platform code: a coredomain."""
     import setools
@@ -447,7 +543,7 @@ def check_genfs_contexts(policy, release, release_root, failures):
     base = {}
     for n, f in context_lines(os.path.join(release_root, "private", "genfs_contexts")):
         if len(f) >= 4:
-            base[(f[1], f[2])] = n
+            base[(f[1], f[2])] = (n, f[-1])
     for n, f in context_lines(os.path.join(PROJECT, "genfs_contexts")):
         where = "%s/genfs_contexts:%d" % (project_name(), n)
         if len(f) not in (4, 5) or f[0] != "genfscon" or not f[2].startswith("/"):
@@ -455,10 +551,16 @@ def check_genfs_contexts(policy, release, release_root, failures):
             continue
         want = ["sysfs_type"] if f[1] == "sysfs" else ["fs_type"]
         check_context(policy, f[-1], where, release, failures, want)
-        if (f[1], f[2]) in base:
-            failures.append("android-%s: %s: %s %s is labelled by the base already, "
-                            "base/android-%s/private/genfs_contexts:%d"
-                            % (release, where, f[1], f[2], release, base[(f[1], f[2])]))
+        # A path inside a tree the base gives its own label takes that file
+        # from the base's domains that read the tree; the file system's
+        # catch-all label (path /) is no one's.
+        covering = [(len(path), path, n, ctx) for (fs, path), (n, ctx) in base.items()
+                    if fs == f[1] and path != "/" and (f[2] == path or f[2].startswith(path.rstrip("/") + "/"))]
+        if covering:
+            _, path, bn, bctx = max(covering)
+            failures.append("android-%s: %s: %s %s lies in %s, labelled %s by "
+                            "base/android-%s/private/genfs_contexts:%d; the base's domains would lose it"
+                            % (release, where, f[1], f[2], path, bctx, release, bn))
 
 
 # ---- property_contexts ------------------------------------------------------
@@ -554,6 +656,7 @@ def check_release(release, keep, cil):
         check_file_contexts(policy, release, release_root, failures)
         check_genfs_contexts(policy, release, release_root, failures)
         check_property_contexts(policy, release, release_root, failures)
+        check_accesses(policy, release, release_root, failures)
         return failures
     finally:
         if not keep:
