@@ -13,7 +13,7 @@ the project's and looked up in the compiled rules.
 Every failure names the release, the project's file and line, and the base
 rule it breaks. Exit status 0 when every release passes.
 
-    policy_check.py [--cil] [--jobs N] [--keep DIR] [--policy DIR] [RELEASE...]
+    policy_check.py [--cil] [--jobs N] [--keep DIR] [--policy DIR] [--variant V] [RELEASE...]
 
 --cil also runs the platform's CIL route (checkpolicy -C, the release's
 technical_debt.cil, secilc); it takes twice as long as the rest together.
@@ -679,7 +679,10 @@ def main():
     ap.add_argument("--jobs", type=int, default=min(2, os.cpu_count() or 1))
     ap.add_argument("--keep", help="keep each release's policy.conf and binary in this folder")
     ap.add_argument("--policy", help="the policy folder (default: android/sepolicy)")
+    ap.add_argument("--variant", choices=("user", "userdebug", "eng"), default="user",
+                    help="the build variant's defines (default: user)")
     args = ap.parse_args()
+    M4_DEFINES["target_build_variant"] = args.variant
     if args.policy:
         global PROJECT
         PROJECT = os.path.abspath(args.policy)
