@@ -8,12 +8,15 @@ import re
 import shutil
 import subprocess
 import tempfile
+import sys
 import unittest
 
 HERE = os.path.dirname(os.path.abspath(__file__))
 ROOT = os.path.dirname(os.path.dirname(HERE))
 CHECK = os.path.join(HERE, "policy_check.py")
 RELEASE = "14"
+sys.path.insert(0, HERE)
+import policy_check  # noqa: E402
 
 
 def append(path, text):
@@ -107,6 +110,42 @@ class PolicyCheck(unittest.TestCase):
         # ro.board.platform's exact entry, which every domain may read.
         self.assertNotRegex(self.out, r"may not read ro\.board\.platform")
         self.assertNotRegex(self.out, r"ovta_amt_tmp_file:(dir|file)\)")
+
+
+class Resolution(unittest.TestCase):
+    """The pieces that map the compiler's lines back and label paths and names
+    as Android does, without the compiler."""
+
+    def test_macro_expansion_lines_map_to_the_call(self):
+        # m4 -s marks line 3; the macro's three output lines all come from
+        # line 3, the next mark is line 4.
+        conf = policy_check.Conf('#line 1 "/p/a.te"\none\ntwo\nx1\nx2\nx3\n#line 4\nfour\n')
+        self.assertEqual([line for _, line in conf.origin[:6]], [1, 2, 3, 3, 3, 4])
+        self.assertEqual(conf.origin[5][0], "/p/a.te")
+
+    def test_allow_with_nested_sets_is_flattened(self):
+        self.assertEqual(policy_check.parse_allow("allow a t:file { { read open } { execute } map };"),
+                         ({"a"}, {"t"}, {"file"}, {"read", "open", "execute", "map"}))
+        self.assertIsNone(policy_check.parse_allow("neverallow a t:file read;"))
+        self.assertIsNone(policy_check.parse_allow("allow a t:file { read"))
+
+    def test_file_contexts_order(self):
+        key = policy_check.fc_key
+        # An exact path beats any regex; of regexes the longer stem wins.
+        self.assertGreater(key("/tmp", None), key("/tmp(/.*)?", None))
+        self.assertGreater(key("/system/bin/sh", "--"), key("/system/bin(/.*)?", None))
+        self.assertGreater(key("/dev/graphics(/.*)?", None), key("/dev(/.*)?", None))
+
+    def test_property_takes_exact_entry_else_longest_prefix_else_default(self):
+        entries = [("b", 1, ["*", "u:object_r:default_prop:s0"]),
+                   ("b", 2, ["ro.", "u:object_r:ro_prop:s0"]),
+                   ("b", 3, ["ro.build.", "u:object_r:build_prefix_prop:s0"]),
+                   ("b", 4, ["ro.build.id", "u:object_r:build_prop:s0", "exact", "string"])]
+        label = lambda name: policy_check.resolve_property(name, entries)[2][1]
+        self.assertEqual(label("ro.build.id"), "u:object_r:build_prop:s0")
+        self.assertEqual(label("ro.build.id.x"), "u:object_r:build_prefix_prop:s0")
+        self.assertEqual(label("ro.board.platform"), "u:object_r:ro_prop:s0")
+        self.assertEqual(label("sys.x"), "u:object_r:default_prop:s0")
 
 
 if __name__ == "__main__":
