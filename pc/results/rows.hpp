@@ -55,6 +55,10 @@ struct StepRow {
     std::string verdict;      // "pass", "fail", "not-run", "stopped"
     std::string reason;
     double duration_ms = 0;
+    // Derived by the store from `measured` (a number, or an object's
+    // "number") and `limits` ("min", "max"), for the report's spread; set
+    // when rows are read back, ignored when they are written.
+    std::optional<double> number, low, high;
 };
 
 }  // namespace results

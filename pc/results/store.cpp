@@ -271,8 +271,8 @@ bool Store::unsent_steps(size_t limit, std::vector<StepRow>* out, std::string* e
     std::lock_guard lock(mutex_);
     Statement q;
     if (!q.prepare(db_.get(),
-                   "SELECT slot_id, idx, name, command, request, answer, measured, limits, verdict, reason, duration_ms "
-                   "FROM steps WHERE sent IS NULL LIMIT ?1",
+                   "SELECT slot_id, idx, name, command, request, answer, measured, limits, verdict, reason, duration_ms, "
+                   "number, low, high FROM steps WHERE sent IS NULL LIMIT ?1",
                    error)) {
         return false;
     }
@@ -291,6 +291,9 @@ bool Store::unsent_steps(size_t limit, std::vector<StepRow>* out, std::string* e
         s.verdict = q.text(8);
         s.reason = q.text(9);
         s.duration_ms = q.real(10);
+        if (!q.is_null(11)) s.number = q.real(11);
+        if (!q.is_null(12)) s.low = q.real(12);
+        if (!q.is_null(13)) s.high = q.real(13);
         out->push_back(std::move(s));
     }
     if (rc == SQLITE_DONE) return true;
