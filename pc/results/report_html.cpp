@@ -82,10 +82,12 @@ std::string report_html(const Report& r) {
             bars.push_back({p.step, static_cast<double>(p.failures), std::to_string(p.failures), false});
             cumulative.push_back(p.cumulative);
             std::string reasons;
-            for (const auto& [reason, count] : p.reasons) {
+            for (size_t i = 0; i < p.reasons.size() && i < 5; ++i) {
+                const auto& [reason, count] = p.reasons[i];
                 reasons += (reasons.empty() ? "" : "; ") + (reason.empty() ? "(none given)" : reason) + " (" +
                            std::to_string(count) + ")";
             }
+            if (p.reasons.size() > 5) reasons += "; " + std::to_string(p.reasons.size() - 5) + " more";
             rows.push_back({p.step, std::to_string(p.failures), percent(p.share), percent(p.cumulative), reasons});
         }
         s += pareto_chart("chart-pareto", bars, cumulative);

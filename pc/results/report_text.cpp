@@ -1,5 +1,6 @@
 // The report as a table on the terminal: one section per question, columns
 // as wide as their widest cell.
+#include <cmath>
 #include <cstdio>
 
 #include "pc/results/report.hpp"
@@ -13,6 +14,8 @@ std::string fixed(double x, int decimals) {
     snprintf(text, sizeof(text), "%.*f", decimals, x);
     return text;
 }
+// A measured value: two decimals, none from a hundred thousand up (a card's KiB).
+std::string value(double x) { return fixed(x, std::fabs(x) >= 1e5 ? 0 : 2); }
 std::string percent(double x) { return fixed(100 * x, 1) + " %"; }
 std::string p_text(double p) {
     char text[32];
@@ -95,8 +98,8 @@ std::string report_text(const Report& r) {
     out += "\nMeasured values against their limits\n";
     rows = {{"step", "count", "min", "mean", "max", "sd", "low", "high", "below", "above", "Cpk"}};
     for (const SpreadRow& s : r.spread) {
-        rows.push_back({s.step, std::to_string(s.count), fixed(s.min, 2), fixed(s.mean, 2), fixed(s.max, 2),
-                        fixed(s.sd, 2), s.low ? fixed(*s.low, 2) : "-", s.high ? fixed(*s.high, 2) : "-",
+        rows.push_back({s.step, std::to_string(s.count), value(s.min), value(s.mean), value(s.max), value(s.sd),
+                        s.low ? value(*s.low) : "-", s.high ? value(*s.high) : "-",
                         std::to_string(s.below), std::to_string(s.above), s.cpk ? fixed(*s.cpk, 2) : "-"});
     }
     out += r.spread.empty() ? "  none\n" : table(rows);

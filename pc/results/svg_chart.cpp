@@ -118,7 +118,8 @@ std::string pareto_chart(const std::string& id, const std::vector<Bar>& bars, co
 }
 
 std::string share_columns(const std::string& id, const std::vector<Bar>& bars, const std::vector<double>& reference) {
-    const double left = 50, top = 16, plot_h = 200, bottom = 70;
+    // Room at the left for the first slot's label, turned like the others.
+    const double left = 90, top = 16, plot_h = 200, bottom = 80;
     const double col_w = std::max(30.0, std::min(70.0, 700.0 / static_cast<double>(std::max<size_t>(bars.size(), 1))));
     const double plot_w = col_w * static_cast<double>(bars.size());
     std::string s = svg_open(id, "chart", left + plot_w + 20, top + plot_h + bottom);
