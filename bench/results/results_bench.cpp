@@ -1,7 +1,8 @@
 // ovta-results-bench: the results database's speeds (scripts/bench.sh --only
 // results runs it).
 //   SqliteEightSlots     eight slot threads writing one file, every row its
-//                        own commit as a station writes them: rows per second
+//                        own commit as a station writes them: rows per second,
+//                        each commit synced (/1) or synced at checkpoints (/0)
 //   SqliteOneSlot        one slot alone: the time a step's row costs the slot
 //   PostgresEightStations eight stations' outboxes sent at once to one
 //                        server (started for the benchmark): rows per second
@@ -66,8 +67,10 @@ void write_phone(Store& store, const std::string& run_id, int slot, int64_t cycl
     }
 }
 
+// Argument 1: 1 every commit synced (the default), 0 synced at checkpoints.
 void SqliteEightSlots(benchmark::State& state) {
     const std::string dir = scratch_dir();
+    const Store::Sync sync = state.range(1) == 1 ? Store::Sync::kEveryCommit : Store::Sync::kOnCheckpoint;
     const int phones = static_cast<int>(state.range(0));
     int64_t rows = 0;
     for (auto _ : state) {
@@ -75,7 +78,7 @@ void SqliteEightSlots(benchmark::State& state) {
         for (int k = 0; k < kSlots; ++k) {
             slots.emplace_back([&, k] {
                 std::string error;
-                std::unique_ptr<Store> store = Store::open(dir + "/results.db", &error);
+                std::unique_ptr<Store> store = Store::open(dir + "/results.db", &error, sync);
                 const std::string run_id = make_run_id(12, "bench", utc_now_ms());
                 RunRow run{run_id, "plan.toml", "", 12, "bench", utc_now_ms()};
                 if (!store || !store->add_run(run, &error)) abort();
@@ -89,12 +92,13 @@ void SqliteEightSlots(benchmark::State& state) {
     state.counters["rows/s"] = benchmark::Counter(static_cast<double>(rows), benchmark::Counter::kIsRate);
     std::filesystem::remove_all(dir);
 }
-BENCHMARK(SqliteEightSlots)->Arg(40)->Unit(benchmark::kMillisecond)->UseRealTime()->Iterations(3);
+BENCHMARK(SqliteEightSlots)->Args({40, 1})->Args({40, 0})->Unit(benchmark::kMillisecond)->UseRealTime()->Iterations(3);
 
 void SqliteOneSlot(benchmark::State& state) {
     const std::string dir = scratch_dir();
     std::string error;
-    std::unique_ptr<Store> store = Store::open(dir + "/results.db", &error);
+    const Store::Sync sync = state.range(0) == 1 ? Store::Sync::kEveryCommit : Store::Sync::kOnCheckpoint;
+    std::unique_ptr<Store> store = Store::open(dir + "/results.db", &error, sync);
     RunRow run{"R", "plan.toml", "", 12, "bench", utc_now_ms()};
     if (!store || !store->add_run(run, &error)) abort();
     SlotRow s;
@@ -109,7 +113,7 @@ void SqliteOneSlot(benchmark::State& state) {
     state.SetItemsProcessed(index);
     std::filesystem::remove_all(dir);
 }
-BENCHMARK(SqliteOneSlot)->Unit(benchmark::kMicrosecond)->UseRealTime()->MinTime(2.0);
+BENCHMARK(SqliteOneSlot)->Arg(1)->Arg(0)->Unit(benchmark::kMicrosecond)->UseRealTime()->MinTime(2.0);
 
 void PostgresEightStations(benchmark::State& state) {
     results_test::PgScratchServer server;

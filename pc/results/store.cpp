@@ -31,7 +31,7 @@ std::optional<double> number_in(const std::string& json_text, const char* key) {
 
 }  // namespace
 
-std::unique_ptr<Store> Store::open(const std::string& path, std::string* error) {
+std::unique_ptr<Store> Store::open(const std::string& path, std::string* error, Sync sync) {
     sqlite3* raw = nullptr;
     const int rc = sqlite3_open_v2(path.c_str(), &raw, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX,
                                    nullptr);
@@ -43,7 +43,7 @@ std::unique_ptr<Store> Store::open(const std::string& path, std::string* error) 
     sqlite3_busy_timeout(db.get(), kBusyTimeoutMs);
     // WAL: readers never block the writer nor the writer them, and a commit
     // is one append to the log. FULL: the log is synced at every commit, so
-    // a power cut keeps every committed step.
+    // a power cut keeps every committed step; NORMAL syncs it at checkpoints.
     std::string why;
     Statement mode;
     if (!mode.prepare(db.get(), "PRAGMA journal_mode = WAL", &why) || mode.step() != SQLITE_ROW ||
@@ -52,7 +52,9 @@ std::unique_ptr<Store> Store::open(const std::string& path, std::string* error) 
         return nullptr;
     }
     mode = Statement();
-    if (!exec(db.get(), "PRAGMA synchronous = FULL; PRAGMA foreign_keys = ON", &why)) {
+    const char* pragmas = sync == Sync::kEveryCommit ? "PRAGMA synchronous = FULL; PRAGMA foreign_keys = ON"
+                                                     : "PRAGMA synchronous = NORMAL; PRAGMA foreign_keys = ON";
+    if (!exec(db.get(), pragmas, &why)) {
         *error = path + ": " + why;
         return nullptr;
     }

@@ -1,8 +1,8 @@
 // The station's local results file (records/results.db): SQLite in WAL mode,
 // so readers (the report, the sender) never block the slots that write.
-// Every call is its own transaction, committed before it returns with
-// synchronous=FULL, so a crash or a power cut loses at most the step under
-// way. Several processes may write one file (two stations on one PC): a
+// Every call is its own transaction, committed before it returns (with
+// synchronous=FULL by default), so a crash or a power cut loses at most the
+// step under way. Several processes may write one file (two stations on one PC): a
 // write waits for the other's lock (busy timeout) and tries again rather
 // than give up, so no write is lost.
 //
@@ -38,8 +38,15 @@ struct StepKey {
 
 class Store {
 public:
+    // How far a commit goes before the call returns.
+    enum class Sync {
+        kEveryCommit,  // synchronous=FULL: the log is synced; survives a power cut
+        kOnCheckpoint, // synchronous=NORMAL: survives a crash of the program, not
+                       // of the machine (the last commits before a power cut may go)
+    };
+
     // Opens or creates the file and brings its schema to this version.
-    static std::unique_ptr<Store> open(const std::string& path, std::string* error);
+    static std::unique_ptr<Store> open(const std::string& path, std::string* error, Sync sync = Sync::kEveryCommit);
 
     bool add_run(const RunRow& run, std::string* error);
     // A phone's slot as it starts (no end, no verdict yet).
