@@ -9,7 +9,7 @@
 
 namespace results {
 
-// Text for XML: the five specials escaped.
+// Text for XML: & < > " and ' escaped.
 std::string markup_escape(const std::string& text);
 
 struct Bar {

@@ -199,3 +199,19 @@ TEST(ResultsReport, CommandWritesTheTableJsonAndPageAndRefusesBadInput) {
     EXPECT_EQ(report({"report", "--database", dir.file("none.db")}), 1);
     EXPECT_EQ(report({"report", "--database", "postgresql:///x?host=" + dir.path()}), 1);
 }
+
+TEST(ResultsReport, AFileWithNoPhonesGivesZerosInEveryForm) {
+    results_test::ScratchDir dir;
+    const std::string path = dir.file("results.db");
+    std::string error;
+    ASSERT_TRUE(Store::open(path, &error)) << error;
+    const Report r = report_of(path);
+    EXPECT_EQ(r.yield.boards, 0u);
+    EXPECT_EQ(r.yield.first_pass_yield, 0.0);  // not NaN
+    EXPECT_TRUE(r.pareto.empty() && r.slots.empty() && r.durations.empty() && r.spread.empty());
+    EXPECT_NE(report_text(r).find("Failing steps, most frequent first\n  none\n"), std::string::npos);
+    EXPECT_EQ(report_json(r)["yield"]["final_yield"], 0.0);
+    const std::string page = report_html(r);
+    EXPECT_NE(page.find("<p>No step failed.</p>"), std::string::npos);
+    EXPECT_EQ(page.find("nan"), std::string::npos);
+}
