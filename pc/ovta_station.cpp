@@ -91,9 +91,7 @@ bool all_finished(const station::StatusBoard& board) {
 }  // namespace
 
 int main(int argc, char** argv) {
-#ifdef OVTA_WITH_RESULTS
     if (const int status = results::station_subcommand(argc, argv); status >= 0) return status;
-#endif
     Options opt;
     for (int i = 1; i < argc; ++i) {
         const std::string arg = argv[i];
