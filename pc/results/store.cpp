@@ -3,6 +3,7 @@
 #include <chrono>
 #include <nlohmann/json.hpp>
 #include <optional>
+#include <sys/stat.h>
 #include <thread>
 
 #include "pc/results/local_schema.hpp"
@@ -31,40 +32,73 @@ std::optional<double> number_in(const std::string& json_text, const char* key) {
 
 }  // namespace
 
-std::unique_ptr<Store> Store::open(const std::string& path, std::string* error, Sync sync) {
+namespace {
+
+// What another process's first open of the same file can make ours meet for
+// a moment: its lock while it turns the file to WAL, or its log and
+// shared-memory files half made. Tried again; anything else is an answer.
+bool passing_conflict(sqlite3* db) {
+    const int code = sqlite3_extended_errcode(db) & 0xFF;
+    return code == SQLITE_BUSY || code == SQLITE_LOCKED || code == SQLITE_CANTOPEN || code == SQLITE_PROTOCOL;
+}
+
+// One try at opening `path` ready to write. Null, with the reason, on
+// failure; `*again` when the failure may pass.
+SqliteDb open_ready(const std::string& path, Store::Sync sync, std::string* error, bool* again) {
+    *again = false;
     sqlite3* raw = nullptr;
     const int rc = sqlite3_open_v2(path.c_str(), &raw, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX,
                                    nullptr);
     SqliteDb db(raw);
     if (rc != SQLITE_OK) {
-        *error = path + ": " + (raw != nullptr ? sqlite3_errmsg(raw) : "cannot open");
+        *error = raw != nullptr ? sqlite3_errmsg(raw) : "cannot open";
+        *again = raw != nullptr && passing_conflict(raw);
         return nullptr;
     }
     sqlite3_busy_timeout(db.get(), kBusyTimeoutMs);
     // WAL: readers never block the writer nor the writer them, and a commit
     // is one append to the log. FULL: the log is synced at every commit, so
     // a power cut keeps every committed step; NORMAL syncs it at checkpoints.
-    std::string why;
     Statement mode;
+    std::string why;
     if (!mode.prepare(db.get(), "PRAGMA journal_mode = WAL", &why) || mode.step() != SQLITE_ROW ||
         mode.text(0) != "wal") {
-        *error = path + ": cannot use write-ahead logging" + (why.empty() ? "" : ": " + why);
+        *error = "cannot use write-ahead logging: " + (why.empty() ? std::string(sqlite3_errmsg(db.get())) : why);
+        *again = passing_conflict(db.get());
         return nullptr;
     }
     mode = Statement();
-    const char* pragmas = sync == Sync::kEveryCommit ? "PRAGMA synchronous = FULL; PRAGMA foreign_keys = ON"
-                                                     : "PRAGMA synchronous = NORMAL; PRAGMA foreign_keys = ON";
-    if (!exec(db.get(), pragmas, &why)) {
-        *error = path + ": " + why;
+    const char* pragmas = sync == Store::Sync::kEveryCommit ? "PRAGMA synchronous = FULL; PRAGMA foreign_keys = ON"
+                                                            : "PRAGMA synchronous = NORMAL; PRAGMA foreign_keys = ON";
+    if (!exec(db.get(), pragmas, error) || !migrate_local(db.get(), error)) {
+        *again = passing_conflict(db.get());
         return nullptr;
     }
-    bool migrated = false;
-    for (int tries = 0; tries < kBusyTries && !migrated; ++tries) {
-        migrated = migrate_local(db.get(), &why);
-        if (!migrated && sqlite3_errcode(db.get()) != SQLITE_BUSY) break;
+    return db;
+}
+
+}  // namespace
+
+std::unique_ptr<Store> Store::open(const std::string& path, std::string* error, Sync sync) {
+    // A folder that is not there is no passing conflict: said at once.
+    const std::string::size_type slash = path.rfind('/');
+    struct stat st {};
+    if (slash != std::string::npos && slash > 0 && stat(path.substr(0, slash).c_str(), &st) != 0) {
+        *error = path + ": no folder " + path.substr(0, slash);
+        return nullptr;
     }
-    if (!migrated) {
-        *error = path + ": " + why;
+    SqliteDb db;
+    bool again = true;
+    const auto give_up = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+    while (!db && again) {
+        db = open_ready(path, sync, error, &again);
+        if (!db && again) {
+            if (std::chrono::steady_clock::now() > give_up) break;
+            std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        }
+    }
+    if (!db) {
+        *error = path + ": " + *error;
         return nullptr;
     }
     std::unique_ptr<Store> store(new Store());

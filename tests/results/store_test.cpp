@@ -83,7 +83,10 @@ TEST(ResultsStore, TwoProcessesAndFourThreadsWritingOneFileLoseNoRow) {
             std::string error;
             std::unique_ptr<Store> store = Store::open(path, &error);
             const std::string run_id = "proc" + std::to_string(c);
-            if (!store || !store->add_run(sample_run(run_id), &error)) _exit(3);
+            if (!store || !store->add_run(sample_run(run_id), &error)) {
+                fprintf(stderr, "writer %d: %s\n", c, error.c_str());
+                _exit(3);
+            }
             write_phones(*store, run_id, kPhones, kSteps);
             _exit(::testing::Test::HasFailure() ? 4 : 0);
         }
@@ -166,6 +169,9 @@ TEST(ResultsSchema, AFileFromANewerVersionIsRefusedAndLeftAlone) {
     EXPECT_EQ(count_of(path, "PRAGMA user_version"), 3);
     EXPECT_EQ(count_of(path, "SELECT count(*) FROM future"), 1);
     EXPECT_EQ(count_of(path, "SELECT count(*) FROM sqlite_master WHERE name = 'runs'"), 0);
+    // A folder that is not there is said at once, not waited out as a lock.
+    EXPECT_FALSE(Store::open(dir.file("gone/results.db"), &error));
+    EXPECT_EQ(error, dir.file("gone/results.db") + ": no folder " + dir.file("gone"));
 }
 
 TEST(ResultsStore, ASlotThatFinishesAfterItsStartWasSentIsSentAgain) {
