@@ -122,7 +122,8 @@ bool OutboxSender::send_steps(size_t* sent, bool* more, std::string* error) {
     if (!store_.unsent_steps(kBatch, &rows, error)) return false;
     *more = rows.size() == kBatch;
     if (rows.empty()) return true;
-    // Four numbers per row, as text; reserved so that the pointers hold.
+    // Five numbers per row as text (index, duration, value, limits), sized
+    // before the pointers into them are taken.
     std::vector<std::string> numbers(rows.size() * 5);
     std::vector<const char*> params;
     std::vector<StepKey> keys;
