@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include "pc/results/local_schema.hpp"
+#include "pc/results/plan_hash.hpp"
 #include "pc/results/row_ids.hpp"
 #include "pc/results/store.hpp"
 #include "sample_rows.hpp"
@@ -233,4 +234,13 @@ TEST(ResultsIds, RunIdsNameTheirStationAndNeverRepeat) {
     EXPECT_NE(a, b);
     EXPECT_EQ(make_run_id(std::nullopt, "h", "2026-11-26T07:14:03Z").substr(0, 21), "x-h-20261126T071403Z-");
     EXPECT_EQ(make_slot_id("R", 3, 17), "R/3.17");
+}
+
+TEST(ResultsIds, PlanHashIsSha256OfTheText) {
+    EXPECT_EQ(sha256_hex(""), "e3b0c44298fc1c149afbf4c8996fb92427ae41e4649b934ca495991b7852b855");
+    EXPECT_EQ(sha256_hex("abc"), "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad");
+    // 56 bytes: the length no longer fits the first block's tail.
+    EXPECT_EQ(sha256_hex("abcdbcdecdefdefgefghfghighijhijkijkljklmklmnlmnomnopnopq"),
+              "248d6a61d20638b8e5c026930c3e6039a33ce45964ff2167f6ecedd419db06c1");
+    EXPECT_EQ(sha256_hex(std::string(1000000, 'a')), "cdc76e5c9914fb9281a1c7e284d73e67f1809a48a497200e046d39ccc7112cd0");
 }
