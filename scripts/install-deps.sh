@@ -16,13 +16,16 @@ cd "$(dirname "$0")/.."
 # against Android's liblog and libcutils headers; the station's plans and
 # records (toml++, nlohmann-json), and Python, whose XML parser reads them
 # back in a test; the phone's SELinux policy compiled against Android's base
-# policy (m4, checkpolicy, secilc, and setools for the contexts).
+# policy (m4, checkpolicy, secilc, and setools for the contexts); the results
+# database (SQLite, libpq) and its tests (a PostgreSQL server of their own,
+# headless Chromium for the report's page).
 packages=(cmake ninja-build g++ pkg-config zlib1g-dev libgtest-dev bubblewrap iproute2 util-linux
           libfreetype-dev fonts-dejavu-core libbenchmark-dev socat clang libclang-rt-14-dev gcovr
           g++-aarch64-linux-gnu g++-arm-linux-gnueabihf qemu-user
           android-liblog-dev android-libcutils-dev
           libtomlplusplus-dev nlohmann-json3-dev python3
-          m4 checkpolicy secilc python3-setools)
+          m4 checkpolicy secilc python3-setools
+          libsqlite3-dev libpq-dev postgresql chromium)
 # The arm64 libraries, as multiarch packages: the programs run under
 # qemu-aarch64 against the system's arm64 C library. Installing them moves
 # some amd64 packages to the versions of the arm64 ones (Multi-Arch: same),
