@@ -26,6 +26,7 @@
 #include <unistd.h>
 #include <vector>
 
+#include "pc/results/commands.hpp"
 #include "pc/station/live_view.hpp"
 #include "pc/station/utc_text.hpp"
 #include "pc/station/plan.hpp"
@@ -90,6 +91,7 @@ bool all_finished(const station::StatusBoard& board) {
 }  // namespace
 
 int main(int argc, char** argv) {
+    if (const int status = results::station_subcommand(argc, argv); status >= 0) return status;
     Options opt;
     for (int i = 1; i < argc; ++i) {
         const std::string arg = argv[i];

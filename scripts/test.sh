@@ -3,13 +3,16 @@
 #
 #   scripts/test.sh            the whole suite under the default, asan and tsan
 #                              presets; the Android half against Android's
-#                              headers and liblog (android-api); the unit
-#                              tests cross-built for arm64 and armhf and run
+#                              headers and liblog (android-api); the phone's
+#                              SELinux policy against Android 11 to 15's base
+#                              policy (android-policy); the unit tests
+#                              cross-built for arm64 and armhf and run
 #                              under qemu; the station PC's programs built
 #                              for Windows and tested under Wine; then a short
 #                              run of every fuzz target (this is what CI runs)
 #   scripts/test.sh PRESET     one preset only (default, asan, tsan, coverage,
 #                              android-api, arm64, armhf, windows)
+#   scripts/test.sh android-policy   the policy check alone
 set -euo pipefail
 cd "$(dirname "$0")/.."
 scripts/install-deps.sh
@@ -76,6 +79,20 @@ run_cross() {
   ctest --preset armhf
 }
 
+# The SELinux policy through each release's base policy (no build needed):
+# first the check's own test (it must find a fault of each kind), then the
+# project's policy.
+run_policy() {
+  echo "== android-policy: the check finds each kind of fault"
+  android/host-check/policy_check_test.py
+  echo "== android-policy: android/sepolicy against Android 11 to 15"
+  android/host-check/policy_check.py
+}
+
+if [ "${1:-}" = android-policy ]; then
+  run_policy
+  exit 0
+fi
 if [ $# -gt 0 ]; then
   run_preset "$1"
   exit 0
@@ -84,6 +101,9 @@ for preset in default asan tsan; do run_preset "$preset"; done
 start=$SECONDS
 run_preset android-api
 echo "== android-api: $((SECONDS - start)) s"
+start=$SECONDS
+run_policy
+echo "== android-policy: $((SECONDS - start)) s"
 start=$SECONDS
 run_cross
 echo "== arm64 and armhf, ARM libraries included: $((SECONDS - start)) s"
