@@ -27,7 +27,7 @@
 #include <cstring>
 
 #include "channel/channel_internal.hpp"
-#include "process/bytes.hpp"
+#include "wire/bytes.hpp"
 #include "protocol/head_search.hpp"
 #include "protocol/pc_frame.hpp"
 #include "protocol/wf_msg.hpp"

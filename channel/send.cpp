@@ -6,7 +6,7 @@
 
 #include "channel/channel_internal.hpp"
 #include "channel/send_lock.hpp"
-#include "process/bytes.hpp"
+#include "wire/bytes.hpp"
 #include "protocol/pc_frame.hpp"
 
 int write_msg_to_socket(const uint8_t* buf, int32_t len, uint32_t index) {

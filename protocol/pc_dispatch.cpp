@@ -5,7 +5,8 @@
 #include <cerrno>
 #include <cstring>
 
-#include "process/bytes.hpp"
+#include "wire/bytes.hpp"
+#include "wire/pc_commands.hpp"
 #include "protocol/verbose_scope.hpp"
 #include "protocol/wf_msg.hpp"
 #include "services/card_capacity.hpp"
@@ -24,17 +25,17 @@ constexpr size_t kInfoTransReqBufSize = 4196;
 
 // The agent's own commands; every other number up to 65535 goes to wfmgr.
 const PcCommand kPcCommands[] = {
-    {17, "treat_ovta_enter_amt_cmd", treat_ovta_enter_amt_cmd},
-    {45, "treat_version_cmd", treat_version_cmd},
-    {61, "treat_read_table_flash_cmd", treat_read_table_flash_cmd},
-    {63, "treat_write_table_flash_cmd", treat_write_table_flash_cmd},
-    {65, "treat_read_outdate_cmd", treat_read_outdate_cmd},
-    {67, "treat_write_outdate_cmd", treat_write_outdate_cmd},
-    {85, "treat_read_board_cmd", treat_read_board_cmd},
-    {87, "treat_write_board_cmd", treat_write_board_cmd},
-    {89, "treat_read_test_result_cmd", treat_read_test_result_cmd},
-    {91, "treat_write_test_result_cmd", treat_write_test_result_cmd},
-    {137, "treat_readcapability_card_cmd", treat_readcapability_card_cmd},
+    {wire::kCmdEnterAmt, "treat_ovta_enter_amt_cmd", treat_ovta_enter_amt_cmd},
+    {wire::kCmdVersion, "treat_version_cmd", treat_version_cmd},
+    {wire::kCmdReadTable, "treat_read_table_flash_cmd", treat_read_table_flash_cmd},
+    {wire::kCmdWriteTable, "treat_write_table_flash_cmd", treat_write_table_flash_cmd},
+    {wire::kCmdReadDate, "treat_read_outdate_cmd", treat_read_outdate_cmd},
+    {wire::kCmdWriteDate, "treat_write_outdate_cmd", treat_write_outdate_cmd},
+    {wire::kCmdReadBoard, "treat_read_board_cmd", treat_read_board_cmd},
+    {wire::kCmdWriteBoard, "treat_write_board_cmd", treat_write_board_cmd},
+    {wire::kCmdReadResult, "treat_read_test_result_cmd", treat_read_test_result_cmd},
+    {wire::kCmdWriteResult, "treat_write_test_result_cmd", treat_write_test_result_cmd},
+    {wire::kCmdCard, "treat_readcapability_card_cmd", treat_readcapability_card_cmd},
 };
 
 // Copies cmd, body and frame_crc of the frame into the store. False when the

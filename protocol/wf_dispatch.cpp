@@ -8,7 +8,7 @@
 #include <cerrno>
 #include <cstring>
 
-#include "process/bytes.hpp"
+#include "wire/bytes.hpp"
 #include "process/config.hpp"
 #include "protocol/pc_dispatch.hpp"
 #include "protocol/verbose_scope.hpp"

@@ -4,7 +4,7 @@
 
 #include <span>
 
-#include "process/bytes.hpp"
+#include "wire/bytes.hpp"
 #include "process/pub_util.hpp"
 
 int32_t add_wf_general_msg(uint8_t* buf, int32_t size, uint32_t msg_id) {

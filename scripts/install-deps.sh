@@ -18,14 +18,17 @@ cd "$(dirname "$0")/.."
 # back in a test; the phone's SELinux policy compiled against Android's base
 # policy (m4, checkpolicy, secilc, and setools for the contexts); the results
 # database (SQLite, libpq) and its tests (a PostgreSQL server of their own,
-# headless Chromium for the report's page).
+# headless Chromium for the report's page); the PC programs' options (CLI11),
+# and their Windows build with its tests (MinGW-w64, posix threads; Wine, whose
+# 64-bit half alone runs 64-bit programs: no i386 architecture is needed).
 packages=(cmake ninja-build g++ pkg-config zlib1g-dev libgtest-dev bubblewrap iproute2 util-linux
           libfreetype-dev fonts-dejavu-core libbenchmark-dev socat clang libclang-rt-14-dev gcovr
           g++-aarch64-linux-gnu g++-arm-linux-gnueabihf qemu-user
           android-liblog-dev android-libcutils-dev
           libtomlplusplus-dev nlohmann-json3-dev python3
           m4 checkpolicy secilc python3-setools
-          libsqlite3-dev libpq-dev postgresql chromium)
+          libsqlite3-dev libpq-dev postgresql chromium
+          libcli11-dev g++-mingw-w64-x86-64-posix wine wine64)
 # The arm64 libraries, as multiarch packages: the programs run under
 # qemu-aarch64 against the system's arm64 C library. Installing them moves
 # some amd64 packages to the versions of the arm64 ones (Multi-Arch: same),

@@ -7,10 +7,11 @@
 #                              SELinux policy against Android 11 to 15's base
 #                              policy (android-policy); the unit tests
 #                              cross-built for arm64 and armhf and run
-#                              under qemu; then a short run of every fuzz
-#                              target (this is what CI runs)
+#                              under qemu; the station PC's programs built
+#                              for Windows and tested under Wine; then a short
+#                              run of every fuzz target (this is what CI runs)
 #   scripts/test.sh PRESET     one preset only (default, asan, tsan, coverage,
-#                              android-api, arm64, armhf)
+#                              android-api, arm64, armhf, windows)
 #   scripts/test.sh android-policy   the policy check alone
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -28,7 +29,29 @@ prepare_cross() {
   build_preset make-logo
 }
 
+# The station PC's programs for Windows and their tests under Wine: the unit
+# tests of the wire format and the PC library, then ovta-pc.exe on a COM port
+# of the build's Wine prefix against real agents in the sandbox (tests of the
+# default build's e2e_tests, told where the windows build is). The Wine server
+# that the tests started goes at the end.
+run_windows() {
+  build_preset windows
+  echo "== windows: unit tests under Wine"
+  ctest --preset windows
+  cmake --preset default >/dev/null
+  cmake --build --preset default -j2 --target e2e_tests
+  echo "== windows: ovta-pc.exe under Wine against agents in the sandbox"
+  local status=0
+  OVTA_WINDOWS_BUILD="$PWD/build-windows" ctest --preset default -R '^OvtaPcOnWine\.' || status=$?
+  WINEPREFIX="$PWD/build-windows/wine" wineserver -k 2>/dev/null || true
+  return "$status"
+}
+
 run_preset() {
+  if [ "$1" = windows ]; then
+    run_windows
+    return
+  fi
   case "$1" in arm64 | armhf) prepare_cross ;; esac
   build_preset "$1"
   echo "== $1: tests"
@@ -84,5 +107,8 @@ echo "== android-policy: $((SECONDS - start)) s"
 start=$SECONDS
 run_cross
 echo "== arm64 and armhf, ARM libraries included: $((SECONDS - start)) s"
+start=$SECONDS
+run_windows
+echo "== windows, Wine included: $((SECONDS - start)) s"
 echo "== fuzz: every target for 20 s, seeded so that a run is repeatable"
 scripts/fuzz.sh 20 20261123

@@ -3,7 +3,7 @@
 
 #include <cstring>
 
-#include "process/bytes.hpp"
+#include "wire/bytes.hpp"
 #include "services/pc_response.hpp"
 #include "services/unique_file.hpp"
 

@@ -11,7 +11,7 @@
 #include <cstring>
 #include <span>
 
-#include "process/bytes.hpp"
+#include "wire/bytes.hpp"
 #include "process/config.hpp"
 #include "protocol/pc_frame.hpp"
 #include "protocol/verbose_scope.hpp"

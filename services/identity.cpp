@@ -9,7 +9,7 @@
 #include <span>
 
 #include "platform/platform.hpp"
-#include "process/bytes.hpp"
+#include "wire/bytes.hpp"
 #include "protocol/pc_frame.hpp"
 #include "services/amt_text_file.hpp"
 #include "services/pc_response.hpp"

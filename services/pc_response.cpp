@@ -5,7 +5,7 @@
 #include <span>
 
 #include "channel/amt_channel.hpp"
-#include "process/bytes.hpp"
+#include "wire/bytes.hpp"
 #include "protocol/pc_frame.hpp"
 
 namespace {

@@ -12,7 +12,7 @@
 #include <memory>
 #include <new>
 
-#include "process/bytes.hpp"
+#include "wire/bytes.hpp"
 #include "process/config.hpp"
 #include "process/pub_util.hpp"
 #include "protocol/verbose_scope.hpp"

@@ -3,7 +3,7 @@
 #include <cstring>
 #include <mutex>
 
-#include "process/bytes.hpp"
+#include "wire/bytes.hpp"
 
 namespace {
 

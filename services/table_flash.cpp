@@ -11,7 +11,7 @@
 #include <memory>
 #include <new>
 
-#include "process/bytes.hpp"
+#include "wire/bytes.hpp"
 #include "process/pub_util.hpp"
 #include "protocol/pc_frame.hpp"
 #include "protocol/verbose_scope.hpp"

@@ -8,7 +8,7 @@
 
 #include <cstring>
 
-#include "process/bytes.hpp"
+#include "wire/bytes.hpp"
 #include "services/pc_response.hpp"
 #include "services/test_result_store.hpp"
 

@@ -7,7 +7,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "process/bytes.hpp"
+#include "wire/bytes.hpp"
 #include "process/config.hpp"
 #include "process/pub_util.hpp"
 #include "protocol/verbose_scope.hpp"

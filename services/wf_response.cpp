@@ -5,7 +5,7 @@
 #include <span>
 
 #include "channel/amt_channel.hpp"
-#include "process/bytes.hpp"
+#include "wire/bytes.hpp"
 #include "protocol/wf_msg.hpp"
 
 int send_wf_message(uint8_t* msg, size_t size, uint32_t msg_id, uint32_t wf_id, uint32_t body_len) {

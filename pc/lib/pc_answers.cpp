@@ -4,20 +4,19 @@
 #include <cstdio>
 #include <cstring>
 
-#include "process/bytes.hpp"
+#include "wire/bytes.hpp"
 #include "pc/lib/hex_text.hpp"
+#include "wire/pc_commands.hpp"
 
 namespace tools {
 
 namespace {
 
-constexpr uint32_t kDone = 0;
-constexpr uint32_t kPathUnchanged = 1;
-constexpr uint32_t kNoStation = 3;
-constexpr uint32_t kFailed = 10;
-
-// Amt mode in which the agent rewrites its own AMT path instead of loading.
-constexpr uint32_t kAmtModeRewritePath = 4;
+constexpr uint32_t kDone = wire::kResultDone;
+constexpr uint32_t kPathUnchanged = wire::kResultPathUnchanged;
+constexpr uint32_t kNoStation = wire::kResultNoStation;
+constexpr uint32_t kFailed = wire::kResultFailed;
+constexpr uint32_t kAmtModeRewritePath = wire::kAmtModeRewritePath;
 
 // Sizes of the variable parts of the answers.
 constexpr size_t kVersionMax = 64;
@@ -25,7 +24,7 @@ constexpr size_t kDateField = 12;
 constexpr size_t kBoardMax = 20;
 constexpr size_t kDescriptionMax = 127;
 
-std::string format(const char* fmt, ...) __attribute__((format(printf, 1, 2)));
+std::string format(const char* fmt, ...) __attribute__((format(gnu_printf, 1, 2)));
 std::string format(const char* fmt, ...) {
     char line[512];
     va_list args;

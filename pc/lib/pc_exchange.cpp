@@ -1,9 +1,6 @@
 #include "pc/lib/pc_exchange.hpp"
 
 #include <cstdio>
-#include <poll.h>
-
-#include "pc/lib/serial_port.hpp"
 
 namespace tools {
 
@@ -71,11 +68,17 @@ Judged judge(const Exchange& exchange, const AnswerReader& read) {
     return out;
 }
 
-bool PcLink::stopped() const {
-    if (stop_fd_ < 0) return false;
-    pollfd p{stop_fd_, POLLIN, 0};
-    return poll(&p, 1, 0) == 1;
-}
+PcLink::PcLink(pcos::Line& line, const pcos::Stop* stop)
+    : line_(pcos::Line::borrow(line.native())),
+      stop_(pcos::Stop::borrow(stop != nullptr ? stop->native() : pcos::kNoHandle)) {}
+
+#ifndef _WIN32
+PcLink::PcLink(int fd, int stop_fd) : line_(pcos::Line::borrow(fd)), stop_(pcos::Stop::borrow(stop_fd)) {}
+#endif
+
+const pcos::Stop* PcLink::stop() const { return stop_.valid() ? &stop_ : nullptr; }
+
+bool PcLink::stopped() const { return stop_.raised(); }
 
 FrameRole AnswerMatcher::take(std::span<const uint8_t> frame) {
     if (!pre_response_ && is_pre_response(frame)) {
@@ -98,8 +101,8 @@ Exchange PcLink::exchange(uint32_t cmd, std::span<const uint8_t> body, std::chro
         return out;
     }
     out.sent = std::move(*frame);
-    const Deadline deadline = std::chrono::steady_clock::now() + timeout;
-    if (!write_all(fd_, out.sent, deadline, stop_fd_)) {
+    const pcos::Deadline deadline = std::chrono::steady_clock::now() + timeout;
+    if (!line_.write_all(out.sent, deadline, stop())) {
         out.write_failed = true;
         out.stopped = stopped();
         return out;
@@ -113,9 +116,9 @@ Exchange PcLink::exchange(uint32_t cmd, std::span<const uint8_t> body, std::chro
             out.frames.push_back({role, std::move(*got)});
             if (matcher.pre_response() && (matcher.answered() || !want_answer)) return out;
         }
-        long n = read_some(fd_, buf, deadline, stop_fd_);
-        if (n == 0) break;
-        if (n == kStopped) {
+        long n = line_.read_some(buf, deadline, stop());
+        if (n == pcos::kReadTimeout) break;
+        if (n == pcos::kReadStopped) {
             out.stopped = true;
             break;
         }

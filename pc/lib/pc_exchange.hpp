@@ -21,6 +21,7 @@
 
 #include "pc/lib/pc_answers.hpp"
 #include "pc/lib/pc_frame_codec.hpp"
+#include "pc/os/line.hpp"
 
 namespace tools {
 
@@ -87,9 +88,14 @@ Judged judge(const Exchange& exchange, const AnswerReader& read);
 
 class PcLink {
 public:
-    // Uses `fd`, which stays the caller's. A readable `stop_fd` (when not -1)
+    // Uses `line`, which stays the caller's. A raised `stop` (when given)
     // ends any exchange at once, as stopped; it also stays the caller's.
-    explicit PcLink(int fd, int stop_fd = -1) : fd_(fd), stop_fd_(stop_fd) {}
+    explicit PcLink(pcos::Line& line, const pcos::Stop* stop = nullptr);
+#ifndef _WIN32
+    // The same on a descriptor and a stop descriptor (readable means raised,
+    // -1 for none), both the caller's.
+    explicit PcLink(int fd, int stop_fd = -1);
+#endif
 
     // Writes the frame of `cmd` with `body` and collects what comes until the
     // pre-response and the answer are there (only the pre-response when
@@ -97,14 +103,16 @@ public:
     Exchange exchange(uint32_t cmd, std::span<const uint8_t> body, std::chrono::milliseconds timeout,
                       bool want_answer = true);
 
-    // Whether the stop descriptor is readable.
+    // Whether the stop is raised.
     bool stopped() const;
     // Bytes skipped outside frames so far.
     size_t skipped() const { return cutter_.skipped(); }
 
 private:
-    int fd_;
-    int stop_fd_;
+    const pcos::Stop* stop() const;
+
+    pcos::Line line_;  // borrowed
+    pcos::Stop stop_;  // borrowed; not valid when there is none
     PcFrameCutter cutter_;
 };
 

@@ -4,8 +4,8 @@
 #include <cstdio>
 #include <cstring>
 
-#include "process/bytes.hpp"
-#include "protocol/pc_frame.hpp"
+#include "wire/bytes.hpp"
+#include "wire/pc_frame_layout.hpp"
 #include "pc/lib/hex_text.hpp"
 
 namespace tools {
@@ -20,12 +20,15 @@ constexpr size_t kFrontLen = 8;  // head and frame_len, not counted by frame_len
 
 std::optional<std::vector<uint8_t>> build_pc_frame(uint32_t cmd, std::span<const uint8_t> body) {
     if (body.size() > kPcBodyMax) return std::nullopt;
-    std::vector<uint8_t> frame(kPcHeaderLen + body.size() + 4);
-    if (add_amt_cmd_general_msg(frame.data(), static_cast<int32_t>(frame.size()), cmd) != 0) return std::nullopt;
-    std::copy(body.begin(), body.end(), frame.begin() + kPcHeaderLen);
     const auto frame_len = static_cast<uint32_t>(12 + body.size());
+    std::vector<uint8_t> frame(kPcHeaderLen + body.size() + kPcCrcLen);  // zeroes kind and reserved
+    std::copy(std::begin(kFrameHead), std::end(kFrameHead), frame.begin());
     bytes::put_le32(frame, kOffFrameLen, frame_len);
-    if (add_amt_crc(frame.data(), static_cast<int32_t>(frame_len + 4)) != 0) return std::nullopt;
+    frame[kPcOffTag] = kFrameTag;
+    bytes::put_le32(frame, kOffCmd, cmd);
+    std::copy(body.begin(), body.end(), frame.begin() + kPcHeaderLen);
+    const auto covered = static_cast<int32_t>(frame_len + 4);
+    bytes::put_le32(frame, static_cast<size_t>(covered), static_cast<uint32_t>(amt_crc32(frame.data(), covered)));
     return frame;
 }
 

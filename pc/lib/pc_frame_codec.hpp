@@ -1,6 +1,6 @@
 // PcFrames as the PC side sees them: building a command frame, cutting
 // frames out of the byte stream from the phone, and decoding one for display.
-// The frame layout and the CRC are the daemon's own (protocol/pc_frame.hpp).
+// The frame layout and the CRC are the ones the agent uses (wire/).
 //
 // Unlike the daemon's head search, the cutter here looks for the head at every
 // offset, so a PC that sees garbage on the line still finds the next frame.

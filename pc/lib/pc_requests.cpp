@@ -1,6 +1,6 @@
 #include "pc/lib/pc_requests.hpp"
 
-#include "process/bytes.hpp"
+#include "wire/bytes.hpp"
 
 namespace tools {
 

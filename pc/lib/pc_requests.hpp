@@ -14,31 +14,25 @@
 #include <string_view>
 #include <vector>
 
+#include "wire/pc_commands.hpp"
+
 namespace tools {
 
-// Command numbers. Every answer is numbered cmd + 1.
-constexpr uint32_t kCmdEnterAmt = 17;
-constexpr uint32_t kCmdVersion = 45;
-constexpr uint32_t kCmdReadTable = 61;
-constexpr uint32_t kCmdWriteTable = 63;
-constexpr uint32_t kCmdReadDate = 65;
-constexpr uint32_t kCmdWriteDate = 67;
-constexpr uint32_t kCmdReadBoard = 85;
-constexpr uint32_t kCmdWriteBoard = 87;
-constexpr uint32_t kCmdReadResult = 89;
-constexpr uint32_t kCmdWriteResult = 91;
-constexpr uint32_t kCmdCard = 137;
-
-constexpr uint32_t response_number(uint32_t cmd) { return cmd + 1; }
-
-// Longest wf_name: the load request that the agent makes of command 17 has a
-// field of 64 bytes for it.
-constexpr size_t kWfNameMax = 63;
-
-// Largest slice of one table read or write. A write frame is 32 bytes around
-// its data and must fit the agent's 40960-byte message buffer; a read answer
-// is 24 bytes around its data, so the same size serves both.
-constexpr uint32_t kTableSliceMax = 40960 - 32;
+// Command numbers and limits, as the agent knows them too.
+using wire::kCmdCard;
+using wire::kCmdEnterAmt;
+using wire::kCmdReadBoard;
+using wire::kCmdReadDate;
+using wire::kCmdReadResult;
+using wire::kCmdReadTable;
+using wire::kCmdVersion;
+using wire::kCmdWriteBoard;
+using wire::kCmdWriteDate;
+using wire::kCmdWriteResult;
+using wire::kCmdWriteTable;
+using wire::kTableSliceMax;
+using wire::kWfNameMax;
+using wire::response_number;
 
 // 17: amt_mode, then the name. Nothing for an empty name (the agent would
 // send no answer at all) or one above kWfNameMax.

@@ -1,17 +1,22 @@
-// The PC end of the serial link: a serial device or a pseudo-terminal in raw
-// mode at 115200 baud, written whole and read against a deadline.
+// The PC end of the serial link on a bare descriptor (Linux only): a serial
+// device or a pseudo-terminal in raw mode at 115200 baud, written whole and
+// read against a deadline. A thin face of pc/os/line.hpp for callers that
+// hold descriptors; new code takes pcos::Line and pcos::Stop.
 #pragma once
+
+#ifndef _WIN32
 
 #include <chrono>
 #include <cstdint>
 #include <span>
 #include <string>
 
+#include "pc/os/line.hpp"
 #include "process/unique_fd.hpp"
 
 namespace tools {
 
-using Deadline = std::chrono::steady_clock::time_point;
+using Deadline = pcos::Deadline;
 
 // Opens the device and puts it in raw mode. On failure the descriptor is not
 // valid and *error says why.
@@ -28,7 +33,9 @@ bool write_all(int fd, std::span<const uint8_t> bytes, Deadline deadline, int st
 // buf.size(). Returns the count, 0 when the deadline passed, -1 on an error
 // or when the other end is gone. A readable `stop_fd` (when not -1) ends the
 // wait at once with kStopped.
-constexpr long kStopped = -2;
+constexpr long kStopped = pcos::kReadStopped;
 long read_some(int fd, std::span<uint8_t> buf, Deadline deadline, int stop_fd = -1);
 
 }  // namespace tools
+
+#endif

@@ -1,12 +1,15 @@
 // A file that is replaced whole or not at all. The bytes go to a temporary
 // file beside it, which takes the file's name on commit(); a writer that ends
 // without commit() leaves the old file as it was and removes the temporary.
+// Bytes go out as they are, on every system. Its two halves live in pc/os/.
 #pragma once
 
 #include <cstdint>
 #include <memory>
 #include <span>
 #include <string>
+
+#include "pc/os/line.hpp"
 
 namespace tools {
 
@@ -26,7 +29,7 @@ private:
     WholeFile() = default;
     std::string path_;
     std::string temp_path_;
-    int fd_ = -1;
+    pcos::NativeHandle fd_ = pcos::kNoHandle;
     bool committed_ = false;
 };
 

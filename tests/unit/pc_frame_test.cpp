@@ -1,5 +1,5 @@
-// PC frames: the system's own CRC, the building of a response, and the wrapping
-// of a payload from wfmgr into a frame. Expected bytes are the worked frames.
+// PC frames in the agent: the building of a response and the wrapping of a
+// payload from wfmgr into a frame. Expected bytes are the worked frames.
 #include <cstdint>
 #include <cstring>
 #include <gtest/gtest.h>
@@ -13,43 +13,6 @@
 namespace {
 
 std::vector<uint8_t> head_of(const uint8_t* p, size_t n) { return std::vector<uint8_t>(p, p + n); }
-
-// The CRC byte by byte as the system defines it: the reflected CRC-32 table,
-// a 64-bit accumulator shifted left, the index from bits 24-31, the input and
-// then four zero bytes. The fast form must give the very same 64 bits.
-uint64_t crc_byte_by_byte(const uint8_t* data, size_t n) {
-    uint32_t table[256];
-    for (uint32_t i = 0; i < 256; ++i) {
-        uint32_t c = i;
-        for (int bit = 0; bit < 8; ++bit) c = (c & 1u) != 0 ? (c >> 1) ^ 0xEDB88320u : c >> 1;
-        table[i] = c;
-    }
-    uint64_t acc = 0;
-    for (size_t i = 0; i < n + 4; ++i) acc = table[(acc >> 24) & 0xFFu] ^ ((acc << 8) | (i < n ? data[i] : 0));
-    return acc;
-}
-
-TEST(AmtCrc32, EveryLengthAndEveryCutOfTheInputGivesTheByteByByteValue) {
-    std::vector<uint8_t> data(40952);
-    uint32_t x = 12345;
-    for (uint8_t& b : data) {
-        x = x * 1103515245u + 12345u;
-        b = static_cast<uint8_t>(x >> 16);
-    }
-    for (size_t n = 0; n <= 40; ++n) {
-        for (size_t off = 0; off < 8; ++off) {
-            EXPECT_EQ(amt_crc32(data.data() + off, static_cast<int32_t>(n)), crc_byte_by_byte(data.data() + off, n))
-                << "length " << n << " at offset " << off;
-        }
-    }
-    for (size_t n : {1000u, 4095u, 32768u, 40952u}) {
-        EXPECT_EQ(amt_crc32(data.data(), static_cast<int32_t>(n)), crc_byte_by_byte(data.data(), n)) << n;
-    }
-    std::vector<uint8_t> ones(64, 0xFF);
-    EXPECT_EQ(amt_crc32(ones.data(), 64), crc_byte_by_byte(ones.data(), 64));
-    const uint8_t abc[] = {'a', 'b', 'c'};
-    EXPECT_EQ(amt_crc32(abc, 3) & 0xFFFFFFFFu, 0xB37F2436u);
-}
 
 TEST(ResponseBuilding, ResultOnlyResponseIsTheWorkedFrameAndTheHeaderNeedsSixteenBytes) {
     const uint8_t expected[24] = {0xAA, 0xBB, 0xCC, 0xDD, 0x10, 0x00, 0x00, 0x00, 0x02, 0x00, 0x00, 0x00,

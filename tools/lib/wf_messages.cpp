@@ -4,7 +4,7 @@
 #include <cstdio>
 #include <cstring>
 
-#include "process/bytes.hpp"
+#include "wire/bytes.hpp"
 #include "protocol/wf_dispatch.hpp"
 #include "protocol/wf_msg.hpp"
 #include "pc/lib/hex_text.hpp"

@@ -1,3 +1,4 @@
+// The Linux half of WholeFile: mkstemp beside the file, fsync, rename.
 #include "pc/lib/whole_file.hpp"
 
 #include <cerrno>
