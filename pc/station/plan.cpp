@@ -8,6 +8,7 @@
 #include "pc/lib/hex_text.hpp"
 #include "pc/lib/pc_requests.hpp"
 #include "pc/lib/table_transfer.hpp"
+#include "pc/station/verdict.hpp"
 
 namespace station {
 namespace {
@@ -65,6 +66,7 @@ public:
         const size_t slash = path_.rfind('/');
         plan.name = slash == std::string::npos ? path_ : path_.substr(slash + 1);
         uint32_t timeout_ms = 3000;
+        uint32_t verdict_ms = 5000;
         const toml::array* steps = nullptr;
         for (auto&& [key, node] : root) {
             const std::string k(key.str());
@@ -80,6 +82,10 @@ public:
                 auto v = timeout(node);
                 if (!v) return std::nullopt;
                 timeout_ms = *v;
+            } else if (k == "verdict_timeout_ms") {
+                auto v = integer(node, "verdict_timeout_ms", 1, 24ll * 3600 * 1000);
+                if (!v) return std::nullopt;
+                verdict_ms = static_cast<uint32_t>(*v);
             } else if (k == "boards") {
                 const toml::array* list = node.as_array();
                 if (list == nullptr) return fail(line, "boards is a list of board numbers, one per slot");
@@ -99,8 +105,10 @@ public:
         for (const toml::node& s : *steps) {
             auto step = read_step(*s.as_table(), timeout_ms, plan);
             if (!step) return std::nullopt;
+            plan.sets_board = plan.sets_board || step->command == Command::kBoardSet;
             plan.steps.push_back(std::move(*step));
         }
+        plan.verdict_timeout_ms = verdict_wait_ms(timeout_ms, verdict_ms);
         return plan;
     }
 
@@ -165,9 +173,9 @@ private:
         return bytes;
     }
 
-    // Placeholders in a text: only {board}, {slot} and {today}; {board} needs
-    // the boards list.
-    bool placeholders_ok(const std::string& t, int line, const Plan& plan) {
+    // Placeholders in a text: only {board}, {slot} and {today}. Whether a
+    // board number is there for {board} is the command line's to check.
+    bool placeholders_ok(const std::string& t, int line, Plan& plan) {
         for (size_t at = t.find('{'); at != std::string::npos; at = t.find('{', at + 1)) {
             const size_t end = t.find('}', at);
             const std::string name = end == std::string::npos ? t.substr(at) : t.substr(at, end - at + 1);
@@ -175,15 +183,12 @@ private:
                 fail(line, "unknown placeholder " + name + " (there are {board}, {slot} and {today})");
                 return false;
             }
-            if (name == "{board}" && plan.boards.empty()) {
-                fail(line, "{board} needs the list of board numbers (boards = [...])");
-                return false;
-            }
+            plan.uses_board = plan.uses_board || name == "{board}";
         }
         return true;
     }
 
-    std::optional<Step> read_step(const toml::table& t, uint32_t timeout_ms, const Plan& plan) {
+    std::optional<Step> read_step(const toml::table& t, uint32_t timeout_ms, Plan& plan) {
         Step step;
         step.line = line_of(t);
         step.timeout_ms = timeout_ms;
@@ -310,7 +315,7 @@ private:
         return true;
     }
 
-    bool read_expectation(const toml::node& node, Step& step, const Plan& plan) {
+    bool read_expectation(const toml::node& node, Step& step, Plan& plan) {
         const toml::table* t = node.as_table();
         if (t == nullptr) {
             fail(line_of(node), "expect is a table, e.g. expect = { equals = \"TEXT\" }");

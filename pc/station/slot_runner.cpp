@@ -12,6 +12,7 @@
 #include "pc/lib/table_transfer.hpp"
 #include "pc/station/expectation.hpp"
 #include "pc/station/utc_text.hpp"
+#include "pc/station/verdict.hpp"
 
 namespace station {
 namespace {
@@ -53,27 +54,34 @@ public:
     SlotRecord run() {
         const Clock::time_point start = Clock::now();
         record_.slot = setup_.slot;
+        record_.phone = setup_.phone;
         record_.device = setup_.device;
         record_.board = setup_.board;
         record_.started = utc_time_stamp();
         std::string error;
-        UniqueFd fd = tools::open_raw_serial(setup_.device, &error);
-        if (!fd.valid()) {
+        UniqueFd own;
+        int fd = setup_.line_fd;
+        if (fd < 0) {
+            own = tools::open_raw_serial(setup_.device, &error);
+            fd = own.get();
+        }
+        if (fd < 0) {
             record_.reason = error;
             record_.failed_step = "open the line";
         } else {
             // What waits on the line is no answer to the plan: earlier
             // frames, or the handshake the agent offers until the PC writes.
-            tcflush(fd.get(), TCIFLUSH);
-            tools::PcLink link(fd.get(), setup_.stop_fd);
+            tcflush(fd, TCIFLUSH);
+            tools::PcLink link(fd, setup_.stop_fd);
+            if (setup_.read_board) read_board(link);
             run_steps(link);
         }
         record_.seconds = seconds_since(start);
-        record_.passed = record_.failed_step.empty() && !record_.stopped;
+        record_.passed = record_.failed_step.empty() && !record_.stopped && !record_.unknown;
         board_.update(setup_.slot, [&](SlotStatus& s) {
             s.finished = true;
             s.ended = Clock::now();
-            s.verdict = record_.stopped ? "stopped" : record_.passed ? "pass" : "FAIL";
+            s.verdict = record_.stopped ? "stopped" : record_.unknown ? "UNKNOWN" : record_.passed ? "pass" : "FAIL";
         });
         return std::move(record_);
     }
@@ -96,7 +104,32 @@ private:
             talking = run_step(link, step, r);
             record_.steps.push_back(std::move(r));
         }
-        if (plan_.verdict && !record_.stopped && talking) write_verdict(link);
+        if (!plan_.verdict) return;
+        if (record_.stopped) {
+            record_.stored = {{"written", false}, {"reason", "stopped before the verdict"}};
+        } else if (!talking) {
+            record_.stored = {{"written", false},
+                              {"reason", "the phone stopped answering before the verdict: nothing was written to it"}};
+        } else {
+            write_verdict(link);
+        }
+    }
+
+    // The board number as the phone holds it, for the record and the table.
+    void read_board(tools::PcLink& link) {
+        Step step;
+        step.name = "board number for the record";
+        step.command = Command::kBoardGet;
+        step.timeout_ms = plan_.steps.front().timeout_ms;
+        StepRecord r;
+        Measured got;
+        const tools::Outcome o = exchange(link, step, r, got);
+        if (o == tools::Outcome::kStopped) record_.stopped = true;
+        record_.board_read = r.answer;
+        if (o != tools::Outcome::kAccepted || !got.text) return;
+        record_.board = *got.text;
+        values_.board = *got.text;
+        board_.update(setup_.slot, [&](SlotStatus& s) { s.board = record_.board; });
     }
 
     // Runs one step into `r`; false when the phone stopped answering.
@@ -288,28 +321,85 @@ private:
         return end.outcome;
     }
 
+    // Command 91 with the verdict, waiting out the store's creation, then
+    // command 89 to see what the phone holds. The verdict's own failure
+    // does not replace the first failed step.
     void write_verdict(tools::PcLink& link) {
+        const bool plan_passed = record_.failed_step.empty();
         Step step;
         step.name = "verdict";
         step.command = Command::kResultSet;
         step.number = *plan_.station;
-        step.result = record_.failed_step.empty() ? kVerdictPass : kVerdictFail;
-        step.text = record_.failed_step.empty() ? "pass" : "fail: " + record_.failed_step;
+        step.result = plan_passed ? kVerdictPass : kVerdictFail;
+        step.text = plan_passed ? "pass" : "fail: " + record_.failed_step;
         if (step.text.size() > 100) step.text.resize(100);
-        step.timeout_ms = plan_.steps.back().timeout_ms;
+        step.timeout_ms = plan_.verdict_timeout_ms;
         StepRecord r;
         r.index = plan_.steps.size() + 1;
         r.name = step.name;
         r.command = command_name(step.command);
-        // The verdict's own failure does not replace the first one.
-        const std::string failed = record_.failed_step;
-        const std::string reason = record_.reason;
-        run_step(link, step, r);
-        if (!failed.empty()) {
-            record_.failed_step = failed;
-            record_.reason = reason;
+        board_.update(setup_.slot, [&](SlotStatus& s) {
+            s.step = r.index;
+            s.step_name = step.name;
+            s.rf_total = 0;
+        });
+        const Clock::time_point start = Clock::now();
+        Measured unused;
+        const tools::Outcome wrote = exchange(link, step, r, unused);
+        VerdictInputs in{plan_passed, wrote, std::nullopt};
+        nlohmann::json stored = {{"station", *plan_.station}};
+        stored["written"] = wrote == tools::Outcome::kAccepted ? nlohmann::json(true)
+                            : write_answered(wrote)           ? nlohmann::json(false)
+                                                              : nullptr;
+        if (wrote == tools::Outcome::kStopped) {
+            r.verdict = StepVerdict::kStopped;
+            r.reason = "stopped (Ctrl-C)";
+            r.seconds = seconds_since(start);
+            record_.stopped = true;
+            stored["reason"] = "stopped while the verdict was written";
+            record_.stored = std::move(stored);
+            report(r);
+            record_.steps.push_back(std::move(r));
+            return;
         }
+        if (write_answered(wrote)) read_back(link, step, in, stored);
+        const VerdictCall call = decide_verdict(in);
+        const bool pass = call.verdict == SlotVerdict::kPass;
+        r.verdict = pass || (call.verdict == SlotVerdict::kFail && !plan_passed && wrote == tools::Outcome::kAccepted)
+                        ? StepVerdict::kPass
+                        : StepVerdict::kFail;
+        r.reason = r.answer.value("text", std::string(tools::outcome_name(wrote)));
+        if (wrote == tools::Outcome::kAccepted) r.reason.clear();
+        if (!write_answered(wrote)) r.reason += " within " + std::to_string(step.timeout_ms) + " ms";
+        if (!call.why.empty()) r.reason = r.reason.empty() ? call.why : r.reason + "; " + call.why;
+        if (!r.reason.empty()) stored["reason"] = r.reason;
+        r.seconds = seconds_since(start);
+        record_.unknown = call.verdict == SlotVerdict::kUnknown;
+        if (plan_passed && !pass) {
+            record_.failed_step = step.name;
+            record_.reason = r.reason;
+        }
+        record_.stored = std::move(stored);
+        report(r);
         record_.steps.push_back(std::move(r));
+    }
+
+    // Command 89 for the station's line: what the phone holds now.
+    void read_back(tools::PcLink& link, const Step& verdict, VerdictInputs& in, nlohmann::json& stored) {
+        Step step;
+        step.name = "verdict read back";
+        step.command = Command::kResultGet;
+        step.number = verdict.number;
+        step.timeout_ms = plan_.steps.back().timeout_ms;
+        StepRecord r;
+        r.name = step.name;
+        Measured got;
+        const tools::Outcome o = exchange(link, step, r, got);
+        stored["read_back"] = {{"request", r.request}, {"answer", r.answer}};
+        if (o != tools::Outcome::kAccepted || !got.number) return;
+        in.held = static_cast<uint32_t>(*got.number);
+        stored["result"] = *got.number;
+        stored["description"] = got.text.value_or("");
     }
 
     const Plan& plan_;
