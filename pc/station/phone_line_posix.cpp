@@ -2,6 +2,7 @@
 // watched with poll. A pseudo-terminal or USB serial adapter whose other end
 // goes reports POLLHUP (and reads fail with EIO); its device node goes away.
 #include <cerrno>
+#include <algorithm>
 #include <chrono>
 #include <poll.h>
 #include <sys/stat.h>
@@ -19,6 +20,8 @@ constexpr int kPathPollMs = 200;
 // offer (once a second while it waits for the PC). A phone already past
 // its handshake offers nothing, and the plan starts anyway.
 constexpr int kOfferWaitMs = 2000;
+// Silence after the five bytes of an offer: no frame follows them.
+constexpr long kQuietMs = 100;
 
 }  // namespace
 
@@ -63,8 +66,13 @@ bool PhoneLine::wait_for_phone() {
         const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(until - std::chrono::steady_clock::now());
         if (left.count() <= 0) return true;
         pollfd p[2] = {{fd_.get(), POLLIN, 0}, {stop_fd_, POLLIN, 0}};
-        if (poll(p, stop_fd_ >= 0 ? 2 : 1, static_cast<int>(left.count())) < 0 && errno != EINTR) return true;
+        const int ready = poll(p, stop_fd_ >= 0 ? 2 : 1, static_cast<int>(std::min<long>(left.count(), kQuietMs)));
+        if (ready < 0 && errno != EINTR) return true;
         if (p[1].revents & POLLIN) return false;
+        if (ready == 0 && offers_.quiet()) {
+            note_ = "the phone offered the handshake";
+            return true;
+        }
         if (p[0].revents & (POLLHUP | POLLERR)) return true;  // the plan's first step says what is wrong
         if (p[0].revents & POLLIN) {
             const ssize_t n = read(fd_.get(), buf, sizeof(buf));
