@@ -24,7 +24,10 @@ std::string elapsed(const SlotStatus& s, std::chrono::steady_clock::time_point n
 
 std::string loop_columns(const SlotStatus& s) {
     char rate[16] = "-";
-    if (s.phones > 0) snprintf(rate, sizeof(rate), "%.0f%%", 100.0 * static_cast<double>(s.phones_passed) / static_cast<double>(s.phones));
+    if (s.phones > 0) {
+        snprintf(rate, sizeof(rate), "%.0f%%",
+                 100.0 * static_cast<double>(s.phones_passed) / static_cast<double>(s.phones));
+    }
     char counts[24];
     snprintf(counts, sizeof(counts), "%6zu %5s  ", s.phones, rate);
     return counts + fit(s.last_board.empty() ? "-" : s.last_board, 12) + " " +
