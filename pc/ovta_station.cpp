@@ -156,7 +156,7 @@ std::optional<std::string> gather_boards(const Options& opt, const station::Plan
     }
     if (plan.uses_board) {
         if (list->empty()) return "the plan uses {board}: give --board SN per device, --boards FILE or boards = [...]";
-        for (size_t slot = 1; slot <= slots && !opt.loop; ++slot) {
+        for (size_t slot = 1; slot <= slots; ++slot) {
             if (list->count(slot) == 0) return "no board number for slot " + std::to_string(slot);
         }
     }
@@ -191,7 +191,6 @@ int main(int argc, char** argv) {
     const size_t slots = opt.devices.size();
     station::BoardList boards(slots);
     if (auto why = gather_boards(opt, *plan, &boards)) return usage_error(*why);
-    const bool read_board = boards.empty() && !plan->sets_board;
     std::optional<std::string> folder = station::make_run_folder(
         opt.records, station::run_folder_name(station::utc_folder_stamp(), plan->name), &error);
     if (!folder) return usage_error(error);
@@ -221,10 +220,12 @@ int main(int argc, char** argv) {
         rows[i].steps = steps;
         rows[i].started = start;
         setups[i] = {i + 1, opt.devices[i], "", today, stop.get()};
-        setups[i].read_board = read_board;
-        if (!opt.loop) {
+        // A loop takes a --boards file's numbers one per phone; a slot's
+        // --board or the plan's number is the slot's, for every phone on it.
+        if (!opt.loop || opt.board_file.empty()) {
             rows[i].board = boards.take(i + 1).value_or("");
             setups[i].board = rows[i].board;
+            setups[i].read_board = rows[i].board.empty() && !plan->sets_board;
         }
     }
     station::StatusBoard board(std::move(rows));
@@ -235,7 +236,7 @@ int main(int argc, char** argv) {
     std::vector<std::thread> threads;
     for (size_t i = 0; i < slots; ++i) {
         if (opt.loop) {
-            station::CycleSetup cycle{setups[i], &boards, plan->uses_board};
+            station::CycleSetup cycle{setups[i], opt.board_file.empty() ? nullptr : &boards, plan->uses_board};
             threads.emplace_back([&, cycle] { station::run_cycle(*plan, cycle, board, keeper); });
         } else {
             threads.emplace_back([&, i] {

@@ -21,8 +21,10 @@ namespace station {
 
 struct CycleSetup {
     SlotSetup slot;            // device, slot, stop; line_fd, phone and board are set per phone
-    BoardList* boards = nullptr;  // per phone, in order; null or empty: slot.board for every phone
-    bool board_needed = false;    // the plan holds {board}
+    // A --boards file's numbers, one per phone in order (a phone without one
+    // has its own); null: slot.board for every phone.
+    BoardList* boards = nullptr;
+    bool board_needed = false;  // the plan holds {board}: the slot ends when the file's numbers run out
 };
 
 void run_cycle(const Plan& plan, const CycleSetup& setup, StatusBoard& board, RecordKeeper& keeper);

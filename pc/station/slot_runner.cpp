@@ -155,8 +155,11 @@ private:
         } else if (outcome != tools::Outcome::kAccepted) {
             r.verdict = StepVerdict::kFail;
             r.reason = r.answer.value("text", std::string(tools::outcome_name(outcome)));
-            if (!phone_answered(outcome)) r.reason += " within " + std::to_string(step.timeout_ms) + " ms";
-            if (outcome == tools::Outcome::kLineFailed) r.reason = "the line failed or hung up: " + r.reason;
+            if (outcome == tools::Outcome::kLineFailed) {
+                r.reason = "the line failed or hung up: " + r.reason;
+            } else if (!phone_answered(outcome)) {
+                r.reason += " within " + std::to_string(step.timeout_ms) + " ms";
+            }
         } else {
             CheckResult c = check(step, plan_, got, values_);
             r.verdict = c.pass ? StepVerdict::kPass : StepVerdict::kFail;
@@ -176,9 +179,9 @@ private:
             if (r.verdict == StepVerdict::kPass) ++s.passed;
             if (r.verdict == StepVerdict::kFail) ++s.failed;
         });
-        char line[160];
-        snprintf(line, sizeof(line), "slot %zu %s step %zu/%zu %s: %s (%.0f ms)", setup_.slot, setup_.device.c_str(),
-                 r.index, plan_.steps.size() + (plan_.verdict ? 1 : 0), r.name.c_str(), verdict_name(r.verdict),
+        char line[200];
+        snprintf(line, sizeof(line), "%s step %zu/%zu %s: %s (%.0f ms)", slot_name(setup_).c_str(), r.index,
+                 plan_.steps.size() + (plan_.verdict ? 1 : 0), r.name.c_str(), verdict_name(r.verdict),
                  r.seconds * 1000);
         board_.finished_step(setup_.slot, r.reason.empty() ? line : std::string(line) + ": " + r.reason);
     }
@@ -370,7 +373,11 @@ private:
                         : StepVerdict::kFail;
         r.reason = r.answer.value("text", std::string(tools::outcome_name(wrote)));
         if (wrote == tools::Outcome::kAccepted) r.reason.clear();
-        if (!write_answered(wrote)) r.reason += " within " + std::to_string(step.timeout_ms) + " ms";
+        if (wrote == tools::Outcome::kLineFailed) {
+            r.reason = "the line failed or hung up: " + r.reason;
+        } else if (!write_answered(wrote)) {
+            r.reason += " within " + std::to_string(step.timeout_ms) + " ms";
+        }
         if (!call.why.empty()) r.reason = r.reason.empty() ? call.why : r.reason + "; " + call.why;
         if (!r.reason.empty()) stored["reason"] = r.reason;
         r.seconds = seconds_since(start);
@@ -419,6 +426,12 @@ const char* verdict_name(StepVerdict verdict) {
         case StepVerdict::kStopped: return "stopped";
     }
     return "not-run";
+}
+
+std::string slot_name(const SlotSetup& setup) {
+    std::string name = "slot " + std::to_string(setup.slot);
+    if (setup.phone > 0) name += " phone " + std::to_string(setup.phone);
+    return name + " " + setup.device;
 }
 
 SlotRecord run_slot(const Plan& plan, const SlotSetup& setup, StatusBoard& board) {

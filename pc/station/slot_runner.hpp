@@ -34,4 +34,8 @@ struct SlotSetup {
 
 SlotRecord run_slot(const Plan& plan, const SlotSetup& setup, StatusBoard& board);
 
+// "slot 2 /dev/ttyACM1", or "slot 2 phone 14 /dev/ttyACM1" in a loop: how
+// the plain lines name a slot.
+std::string slot_name(const SlotSetup& setup);
+
 }  // namespace station

@@ -68,6 +68,9 @@ protected:
         for (size_t phone = 1; phone <= kPhonesPerSlot; ++phone) {
             for (size_t slot = 1; slot <= kSlots; ++slot) boards << slot << " " << board_of(slot, phone) << "\n";
         }
+        // Slots 1 to 3 end when their numbers are spent; slot 4 has one
+        // more and still waits for a phone when Ctrl-C comes.
+        boards << kSlots << " " << board_of(kSlots, kPhonesPerSlot + 1) << "\n";
     }
 
     void TearDown() override {
