@@ -256,9 +256,6 @@ private:
             }
         }
         if (!required(step, seen)) return std::nullopt;
-        if (step.command == Command::kRfRead || step.command == Command::kRfWrite) {
-            if (!tools::range_fits(step.offset, step.len)) return fail(step.line, "offset + len runs past 4 GiB");
-        }
         if (step.command == Command::kRfWrite) {
             if ((data_file != nullptr) == has_data) return fail(step.line, "rf write takes data = \"HEX\" or file = PATH");
             if (data_file != nullptr) {
@@ -272,6 +269,10 @@ private:
                                            std::to_string(step.data.size()));
             }
             step.data.resize(step.len);
+        }
+        // Checked once an rf write's len is known (its data's size when the plan gives none).
+        if (step.command == Command::kRfRead || step.command == Command::kRfWrite) {
+            if (!tools::range_fits(step.offset, step.len)) return fail(step.line, "offset + len runs past 4 GiB");
         }
         if (step.command == Command::kEnterAmt && !tools::enter_amt_body(step.number, step.text)) {
             return fail(step.line, "wf_name holds 1 to " + std::to_string(tools::kWfNameMax) + " bytes");
