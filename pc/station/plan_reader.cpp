@@ -216,9 +216,6 @@ std::optional<Step> PlanReader::read_step(const toml::table& t, uint32_t timeout
         }
     }
     if (!required(step, seen)) return std::nullopt;
-    if (step.command == Command::kRfRead || step.command == Command::kRfWrite) {
-        if (!tools::range_fits(step.offset, step.len)) return fail(step.line, "offset + len runs past 4 GiB");
-    }
     if (step.command == Command::kRfWrite) {
         if ((data_file != nullptr) == has_data) return fail(step.line, "rf write takes data = \"HEX\" or file = PATH");
         if (data_file != nullptr) {
@@ -232,6 +229,10 @@ std::optional<Step> PlanReader::read_step(const toml::table& t, uint32_t timeout
                                        std::to_string(step.data.size()));
         }
         step.data.resize(step.len);
+    }
+    // Checked once an rf write's len is known (its data's size when the plan gives none).
+    if (step.command == Command::kRfRead || step.command == Command::kRfWrite) {
+        if (!tools::range_fits(step.offset, step.len)) return fail(step.line, "offset + len runs past 4 GiB");
     }
     if (step.command == Command::kEnterAmt && !tools::enter_amt_body(step.number, step.text)) {
         return fail(step.line, "wf_name holds 1 to " + std::to_string(tools::kWfNameMax) + " bytes");
