@@ -5,11 +5,16 @@
 // numbers come from a --boards file, in order. One phone lacks its RF table
 // and fails a step; one is pulled off the fixture in the middle of its
 // plan. Every record is read back and compared with what its phone holds,
-// and no record is overwritten.
+// and no record is overwritten. Then the same under ovta-fixture, which
+// swaps phones on its own schedule, wherever the plan is, and leaves the
+// handshake to the station: whatever happened, no record contradicts the
+// phone it names.
 #include <gtest/gtest.h>
 
 #include <filesystem>
+#include <map>
 #include <fstream>
+#include <set>
 #include <thread>
 
 #include "phone_test.hpp"
@@ -203,6 +208,95 @@ TEST_F(StationLoop, ThreePhonesThroughEachOfFourSlotsEachWithItsOwnRecord) {
     size_t suites = 0;
     for (size_t at = junit.find("<testsuite "); at != std::string::npos; at = junit.find("<testsuite ", at + 1)) ++suites;
     EXPECT_EQ(suites, kSlots * kPhonesPerSlot);
+}
+
+// The phone trees ovta-fixture kept, DIR/slot-N/phone-K/amt/, by the board
+// number each one holds.
+std::map<std::string, std::string> phones_by_board(const std::string& fixture) {
+    std::map<std::string, std::string> out;
+    for (const auto& slot : fs::directory_iterator(fixture)) {
+        if (!slot.is_directory()) continue;
+        for (const auto& phone : fs::directory_iterator(slot.path())) {
+            const std::string amt = phone.path().string() + "/amt";
+            if (fs::exists(amt + "/board_no.txt")) out[file_text(amt + "/board_no.txt")] = amt;
+        }
+    }
+    return out;
+}
+
+TEST_F(StationLoop, SwapsOnTheFixturesScheduleNeverLeaveARecordThatContradictsItsPhone) {
+    std::ofstream boards(dir_ + "/many.txt");
+    for (size_t phone = 1; phone <= 20; ++phone) {
+        for (size_t slot = 1; slot <= kSlots; ++slot) boards << slot << " " << board_of(slot, phone) << "\n";
+    }
+    boards.close();
+    const std::string fixture = dir_ + "/fixture";
+    std::vector<std::string> args = {OVTA_BINARY_DIR "/ovta-fixture", "--phones", std::to_string(kSlots), "--dir",
+                                     fixture, "--swap-every", "7", "--swap-gap", "0.5", "--pull-on", "3:137",
+                                     "--station-handshake", "--", OVTA_BINARY_DIR "/ovta-station",
+                                     dir_ + "/loop.toml", "--loop", "--boards", dir_ + "/many.txt", "--records",
+                                     dir_ + "/records"};
+    const pid_t pid = start_program(args, dir_ + "/fixture.out");
+    // Until every slot has had three phones.
+    auto records_of = [&](size_t slot) {
+        size_t n = 0;
+        const std::string run = run_dir();
+        if (run.empty()) return n;
+        char name[32];
+        for (;; ++n) {
+            snprintf(name, sizeof(name), "/slot-%zu-%04zu.json", slot, n + 1);
+            if (!fs::exists(run + name)) return n;
+        }
+    };
+    const auto deadline = std::chrono::steady_clock::now() + 150s;
+    for (size_t slot = 1; slot <= kSlots; ++slot) {
+        while (records_of(slot) < kPhonesPerSlot && std::chrono::steady_clock::now() < deadline) {
+            std::this_thread::sleep_for(200ms);
+        }
+    }
+    kill(pid, SIGTERM);  // passed on to the station
+    ProgramRun run = finish_program(pid, dir_ + "/fixture.out");
+    EXPECT_EQ(run.status, 1) << run.out;
+    const std::string run_folder = run_dir();
+    ASSERT_FALSE(run_folder.empty()) << run.out;
+
+    const std::map<std::string, std::string> phones = phones_by_board(fixture);
+    std::set<std::string> boards_seen;
+    bool pulled_at_card = false;
+    size_t files = 0;
+    for (size_t slot = 1; slot <= kSlots; ++slot) {
+        const size_t n = records_of(slot);
+        EXPECT_GE(n, kPhonesPerSlot) << "slot " << slot << "\n" << run.out;
+        files += n;
+        for (size_t phone = 1; phone <= n; ++phone) {
+            char name[32];
+            snprintf(name, sizeof(name), "/slot-%zu-%04zu.json", slot, phone);
+            const nlohmann::json r = read_json(run_folder + name);
+            SCOPED_TRACE(std::string(name) + " " + r.dump(2));
+            EXPECT_EQ(r["phone"], phone);
+            // Each phone took the next number of its slot's list.
+            EXPECT_EQ(r["board"], board_of(slot, phone));
+            EXPECT_TRUE(boards_seen.insert(r["board"].get<std::string>()).second);
+            pulled_at_card = pulled_at_card || (slot == 3 && r["failed_step"] == "card");
+            // The phone that took this board number, when it got that far.
+            const auto tree = phones.find(r["board"].get<std::string>());
+            const std::string verdict = r["verdict"];
+            if (verdict == "pass") {
+                ASSERT_NE(tree, phones.end());
+                EXPECT_NE(file_text(tree->second + "/test_result.txt").find("\r\n12,1,pass\r\n"), std::string::npos);
+            } else if (verdict == "fail" && r["stored"]["written"] == true) {
+                ASSERT_NE(tree, phones.end());
+                EXPECT_NE(file_text(tree->second + "/test_result.txt").find("\r\n12,0,fail: "), std::string::npos);
+            } else if (verdict == "fail" && tree != phones.end()) {
+                // Nothing written, or refused: the phone holds no pass.
+                EXPECT_EQ(file_text(tree->second + "/test_result.txt").find("\r\n12,1,"), std::string::npos);
+            }
+        }
+    }
+    EXPECT_TRUE(pulled_at_card) << "no record of the phone pulled at its card step";
+    size_t json = 0;
+    for (const auto& e : fs::directory_iterator(run_folder)) json += e.path().extension() == ".json" ? 1 : 0;
+    EXPECT_EQ(json, files);
 }
 
 }  // namespace
