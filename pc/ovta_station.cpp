@@ -232,17 +232,13 @@ int main(int argc, char** argv) {
     station::LiveView view(stdout, !opt.plain && isatty(STDOUT_FILENO) == 1, opt.loop);
     station::RecordKeeper keeper(*plan, *folder, opt.junit);
 
-    std::vector<station::SlotRecord> records(slots);  // of a single run, for its summary
     std::vector<std::thread> threads;
     for (size_t i = 0; i < slots; ++i) {
         if (opt.loop) {
             station::CycleSetup cycle{setups[i], opt.board_file.empty() ? nullptr : &boards, plan->uses_board};
             threads.emplace_back([&, cycle] { station::run_cycle(*plan, cycle, board, keeper); });
         } else {
-            threads.emplace_back([&, i] {
-                records[i] = station::run_slot(*plan, setups[i], board);
-                keeper.keep(records[i]);
-            });
+            threads.emplace_back([&, i] { keeper.keep(station::run_slot(*plan, setups[i], board)); });
         }
     }
 
@@ -300,14 +296,7 @@ int main(int argc, char** argv) {
     const station::RecordKeeper::Counts counts = keeper.counts();
     printf("%zu of %zu phones passed%s; records in %s/\n", counts.passed, counts.phones, stopped ? " (stopped)" : "",
            folder->c_str());
-    for (const station::SlotRecord& r : records) {
-        if (!opt.loop && !r.passed) {
-            printf("slot %zu %s: %s%s%s\n", r.slot, r.device.c_str(),
-                   r.stopped ? "stopped" : r.unknown ? "verdict unknown" : "failed",
-                   r.failed_step.empty() ? "" : (" at \"" + r.failed_step + "\"").c_str(),
-                   r.reason.empty() ? "" : (": " + r.reason).c_str());
-        }
-    }
+    for (const std::string& line : keeper.not_passed()) printf("%s\n", line.c_str());
     const bool all_passed = counts.phones > 0 && counts.passed == counts.phones;
     return all_passed && written ? kExitPassed : kExitFailed;
 }

@@ -1,5 +1,6 @@
 #include "pc/station/live_view.hpp"
 
+#include <algorithm>
 #include <sys/ioctl.h>
 
 #include "pc/lib/progress_bar.hpp"
@@ -36,8 +37,11 @@ std::string loop_columns(const SlotStatus& s) {
 
 std::vector<std::string> table_lines(const std::vector<SlotStatus>& rows, std::chrono::steady_clock::time_point now,
                                      bool loop) {
+    // As wide as the longest device path, within reason.
+    size_t device_width = 14;
+    for (const SlotStatus& s : rows) device_width = std::max(device_width, std::min<size_t>(s.device.size(), 40));
     std::vector<std::string> lines;
-    lines.push_back("slot  " + fit("device", 14) + " " + fit("board", 12) + " " + fit("step", 28) + " " +
+    lines.push_back("slot  " + fit("device", device_width) + " " + fit("board", 12) + " " + fit("step", 28) + " " +
                     fit("rf", 15) + " pass fail  " + fit("time", 8) + " " +
                     (loop ? fit("state", 10) + " phones  pass  last board   last verdict" : "state"));
     for (size_t i = 0; i < rows.size(); ++i) {
@@ -53,7 +57,7 @@ std::vector<std::string> table_lines(const std::vector<SlotStatus>& rows, std::c
         snprintf(counts, sizeof(counts), "%4zu %4zu  ", s.passed, s.failed);
         std::string state = s.finished ? s.verdict : s.step == 0 ? "starting" : "running";
         if (!loop) {
-            lines.push_back(fit(std::to_string(i + 1), 6) + fit(s.device, 14) + " " + fit(s.board, 12) + " " +
+            lines.push_back(fit(std::to_string(i + 1), 6) + fit(s.device, device_width) + " " + fit(s.board, 12) + " " +
                             fit(step, 28) + " " + fit(rf, 15) + counts + fit(elapsed(s, now), 8) + " " + state);
             continue;
         }
@@ -66,7 +70,7 @@ std::vector<std::string> table_lines(const std::vector<SlotStatus>& rows, std::c
         }
         if (s.waiting) state = "waiting";
         const bool idle = s.waiting || s.closed;
-        lines.push_back(fit(std::to_string(i + 1), 6) + fit(s.device, 14) + " " + fit(idle ? "" : s.board, 12) + " " +
+        lines.push_back(fit(std::to_string(i + 1), 6) + fit(s.device, device_width) + " " + fit(idle ? "" : s.board, 12) + " " +
                         fit(step, 28) + " " + fit(rf, 15) + counts + fit(idle ? "" : elapsed(s, now), 8) + " " +
                         fit(state, 10) + loop_columns(s));
     }

@@ -17,7 +17,22 @@ void RecordKeeper::keep(const SlotRecord& record) {
     suites_.insert(at, {key, std::move(suite)});
     junit_due_ = true;
     ++counts_.phones;
-    if (record.passed) ++counts_.passed;
+    if (record.passed) {
+        ++counts_.passed;
+        return;
+    }
+    std::string line = "slot " + std::to_string(record.slot);
+    if (record.phone > 0) line += " phone " + std::to_string(record.phone);
+    line += " " + record.device + (record.board.empty() ? "" : " " + record.board) + ": ";
+    line += record.stopped ? "stopped" : record.unknown ? "verdict unknown" : "failed";
+    if (!record.failed_step.empty()) line += " at \"" + record.failed_step + "\"";
+    if (!record.reason.empty()) line += ": " + record.reason;
+    not_passed_.push_back(std::move(line));
+}
+
+std::vector<std::string> RecordKeeper::not_passed() const {
+    std::lock_guard<std::mutex> lock(mu_);
+    return not_passed_;
 }
 
 bool RecordKeeper::write_junit(std::string* error) {

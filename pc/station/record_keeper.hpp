@@ -35,6 +35,9 @@ public:
     Counts counts() const;
     // The write failures so far, each once.
     std::vector<std::string> take_errors();
+    // One line for each phone that did not pass, in the order they ended:
+    // "slot 3 phone 2 /dev/ttyACM2 SN-0042: failed at "card": REASON".
+    std::vector<std::string> not_passed() const;
     const std::string& folder() const { return folder_; }
 
 private:
@@ -47,6 +50,7 @@ private:
     bool junit_due_ = false;
     Counts counts_;
     std::vector<std::string> errors_;
+    std::vector<std::string> not_passed_;
 };
 
 }  // namespace station

@@ -32,6 +32,13 @@ bool phone_answered(tools::Outcome outcome) {
            outcome == tools::Outcome::kNoStation || outcome == tools::Outcome::kMalformed;
 }
 
+// The reason of a step whose line failed, with what the link said when it
+// says more.
+std::string line_failed(const std::string& said) {
+    const std::string reason = "the line failed or hung up";
+    return said.empty() || said == "the line failed" ? reason : reason + ": " + said;
+}
+
 nlohmann::json hex_or_count(const std::vector<uint8_t>& data) {
     if (data.size() <= kRecordDataMax) return tools::to_hex(data);
     return std::to_string(data.size()) + " bytes";
@@ -156,7 +163,7 @@ private:
             r.verdict = StepVerdict::kFail;
             r.reason = r.answer.value("text", std::string(tools::outcome_name(outcome)));
             if (outcome == tools::Outcome::kLineFailed) {
-                r.reason = "the line failed or hung up: " + r.reason;
+                r.reason = line_failed(r.reason);
             } else if (!phone_answered(outcome)) {
                 r.reason += " within " + std::to_string(step.timeout_ms) + " ms";
             }
@@ -374,7 +381,7 @@ private:
         r.reason = r.answer.value("text", std::string(tools::outcome_name(wrote)));
         if (wrote == tools::Outcome::kAccepted) r.reason.clear();
         if (wrote == tools::Outcome::kLineFailed) {
-            r.reason = "the line failed or hung up: " + r.reason;
+            r.reason = line_failed(r.reason);
         } else if (!write_answered(wrote)) {
             r.reason += " within " + std::to_string(step.timeout_ms) + " ms";
         }

@@ -184,7 +184,7 @@ TEST_F(Station, FourPhonesRunOnePlanAndTheOneWhoseAgentDiesFailsAlone) {
     ProgramRun run = station();
     EXPECT_EQ(run.status, 1) << run.out;
     EXPECT_NE(run.out.find("3 of 4 phones passed"), std::string::npos) << run.out;
-    EXPECT_NE(run.out.find("slot 3 " + phones_[2]->device() + ": failed at \"card\": nothing came within 3000 ms"),
+    EXPECT_NE(run.out.find("slot 3 " + phones_[2]->device() + " SN-0003: failed at \"card\": nothing came within 3000 ms"),
               std::string::npos)
         << run.out;
 
