@@ -29,7 +29,7 @@ std::string loop_columns(const SlotStatus& s) {
         snprintf(rate, sizeof(rate), "%.0f%%",
                  100.0 * static_cast<double>(s.phones_passed) / static_cast<double>(s.phones));
     }
-    char counts[24];
+    char counts[48];
     snprintf(counts, sizeof(counts), "%6zu %5s  ", s.phones, rate);
     return counts + fit(s.last_board.empty() ? "-" : s.last_board, 12) + " " +
            (s.last_verdict.empty() ? "-" : s.last_verdict);
