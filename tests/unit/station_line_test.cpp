@@ -16,6 +16,7 @@
 #include "pc/station/board_list.hpp"
 #include "pc/station/handshake_offer.hpp"
 #include "pc/station/phone_line.hpp"
+#include "pc/station/station_options.hpp"
 
 namespace {
 
@@ -147,6 +148,47 @@ TEST(StationBoards, FileGivesEachSlotItsNumbersInOrderAndRefusesStrangeLines) {
         EXPECT_EQ(error, why);
     }
     std::filesystem::remove_all(dir);
+}
+
+// Where each slot's board number comes from, and the command lines that
+// would leave a phone without one.
+TEST(StationBoards, CommandLineGivesEverySlotItsNumberOrIsRefused) {
+    auto options = [](std::vector<std::string> args, station::Options* opt) {
+        std::vector<char*> argv = {const_cast<char*>("ovta-station")};
+        for (std::string& a : args) argv.push_back(a.data());
+        return station::read_options(static_cast<int>(argv.size()), argv.data(), opt);
+    };
+    station::Plan plan;
+    plan.uses_board = true;
+    station::Options opt;
+    ASSERT_EQ(options({"p.toml", "--device", "/dev/a", "--device", "/dev/b", "--board", "SN-A", "--board", "SN-B"}, &opt),
+              std::nullopt);
+    station::BoardList list(2);
+    EXPECT_EQ(station::gather_boards(opt, plan, &list), std::nullopt);
+    EXPECT_EQ(list.take(2), "SN-B");
+    EXPECT_EQ(list.take(1), "SN-A");
+
+    station::Options one;
+    EXPECT_EQ(options({"p.toml", "--device", "/dev/a", "--device", "/dev/b", "--board", "SN-A"}, &one),
+              "1 --board for 2 devices: one per device");
+    station::Options both;
+    EXPECT_EQ(options({"p.toml", "--device", "/dev/a", "--board", "SN-A", "--boards", "f"}, &both),
+              "--board and --boards together");
+    station::Options none;
+    ASSERT_EQ(options({"p.toml", "--device", "/dev/a", "--loop"}, &none), std::nullopt);
+    EXPECT_TRUE(none.loop);
+    station::BoardList empty(1);
+    EXPECT_EQ(station::gather_boards(none, plan, &empty),
+              "the plan uses {board}: give --board SN per device, --boards FILE or boards = [...]");
+    // The plan's list is the fallback; a plan that needs no number needs no list.
+    plan.boards = {"SN-P"};
+    station::BoardList from_plan(1);
+    EXPECT_EQ(station::gather_boards(none, plan, &from_plan), std::nullopt);
+    EXPECT_EQ(from_plan.take(1), "SN-P");
+    station::Plan reads_it;
+    station::BoardList unused(1);
+    EXPECT_EQ(station::gather_boards(none, reads_it, &unused), std::nullopt);
+    EXPECT_TRUE(unused.empty());
 }
 
 }  // namespace
