@@ -321,4 +321,63 @@ TEST_F(StationSlot, RefusedWriteSliceIsNotCountedAsWritten) {
     EXPECT_FALSE(r.unknown);
 }
 
+// Every step passed, the phone refuses the verdict and still holds its
+// fresh 0: the record says fail at the verdict, with the refusal.
+TEST_F(StationSlot, RefusedVerdictAfterAPassedPlanIsAFailAtTheVerdict) {
+    station::Plan p = plan({station::Command::kCard});
+    std::thread phone([&] {
+        phone_takes(kCard, kCardOk);
+        phone_takes(kVerdictPass, kNotStored);
+        phone_takes(kReadBack, kHoldsFailCard);
+    });
+    station::SlotRecord r = run(p);
+    phone.join();
+    EXPECT_FALSE(r.passed);
+    EXPECT_FALSE(r.unknown);
+    EXPECT_EQ(r.failed_step, "verdict");
+    EXPECT_NE(r.reason.find("refused"), std::string::npos) << r.reason;
+    EXPECT_NE(r.reason.find("the phone holds result 0"), std::string::npos) << r.reason;
+    EXPECT_EQ(r.stored["written"], false);
+    EXPECT_EQ(r.stored["result"], 0);
+}
+
+// The record's verdict from what the write's answer and the read back said.
+TEST(StationVerdict, RecordNeverSaysPassUnlessThePhoneHoldsIt) {
+    using station::SlotVerdict;
+    using tools::Outcome;
+    struct Case {
+        bool plan_passed;
+        Outcome write;
+        std::optional<uint32_t> held;
+        SlotVerdict want;
+    };
+    const Case cases[] = {
+        {true, Outcome::kAccepted, 1u, SlotVerdict::kPass},
+        {true, Outcome::kAccepted, 0u, SlotVerdict::kFail},       // stored, yet the phone holds 0
+        {true, Outcome::kAccepted, std::nullopt, SlotVerdict::kPass},  // stored; the read back was lost
+        {true, Outcome::kRefused, 0u, SlotVerdict::kFail},
+        {true, Outcome::kRefused, std::nullopt, SlotVerdict::kUnknown},
+        {true, Outcome::kMalformed, 1u, SlotVerdict::kPass},
+        {true, Outcome::kMalformed, std::nullopt, SlotVerdict::kUnknown},
+        {true, Outcome::kPreResponseOnly, std::nullopt, SlotVerdict::kUnknown},
+        {true, Outcome::kNothing, std::nullopt, SlotVerdict::kUnknown},
+        {true, Outcome::kLineFailed, std::nullopt, SlotVerdict::kUnknown},
+        {false, Outcome::kAccepted, 0u, SlotVerdict::kFail},
+        {false, Outcome::kAccepted, std::nullopt, SlotVerdict::kFail},
+        {false, Outcome::kRefused, 1u, SlotVerdict::kUnknown},  // an earlier pass is still there
+        {false, Outcome::kAccepted, 1u, SlotVerdict::kUnknown},
+        {false, Outcome::kNothing, std::nullopt, SlotVerdict::kUnknown},
+    };
+    for (const Case& c : cases) {
+        const station::VerdictCall call = station::decide_verdict({c.plan_passed, c.write, c.held});
+        EXPECT_EQ(call.verdict, c.want) << c.plan_passed << " " << tools::outcome_name(c.write) << " "
+                                        << (c.held ? std::to_string(*c.held) : "none");
+        // A reason whenever the record's verdict is not the plan's own.
+        const bool own = call.verdict == (c.plan_passed ? SlotVerdict::kPass : SlotVerdict::kFail);
+        EXPECT_EQ(call.why.empty(), own) << call.why;
+    }
+    EXPECT_EQ(station::verdict_wait_ms(2000, 5000), 5000u);
+    EXPECT_EQ(station::verdict_wait_ms(4000, 5000), 6000u);
+}
+
 }  // namespace
