@@ -214,9 +214,12 @@ private:
         const tools::Outcome wrote = exchange_step(link, step, values_, r, unused, progress_);
         VerdictInputs in{plan_passed, wrote, std::nullopt};
         nlohmann::json stored = {{"station", *plan_.station}};
+        // Whether the phone stored it: yes, no (refused), or not known (no
+        // answer, or one that could not be read).
         stored["written"] = wrote == tools::Outcome::kAccepted ? nlohmann::json(true)
-                            : write_answered(wrote)           ? nlohmann::json(false)
-                                                              : nullptr;
+                            : wrote == tools::Outcome::kRefused || wrote == tools::Outcome::kNoStation
+                                ? nlohmann::json(false)
+                                : nullptr;
         if (wrote == tools::Outcome::kStopped) {
             r.verdict = StepVerdict::kStopped;
             r.reason = "stopped (Ctrl-C)";
