@@ -79,6 +79,35 @@ TEST(StationLimits, SliceAndRangeAreTakenUpToTheirLastByteAndRefusedOnePast) {
     EXPECT_FALSE(tools::range_fits(0x80000001u, 0x80000000u));
 }
 
+TEST(StationLimits, PlanNumbersAreTakenUpToTheirLastValue) {
+    const std::string version = "[[step]]\ncommand = \"version\"\n";
+    EXPECT_EQ(refusal(version + "timeout_ms = 1\n"), "accepted");
+    EXPECT_EQ(refusal(version + "timeout_ms = 86400000\n"), "accepted");
+    EXPECT_EQ(refusal(version + "timeout_ms = 86400001\n"),
+              "/tmp/limits.toml:4: timeout_ms is 86400001, outside 1 to 86400000");
+    EXPECT_EQ(refusal("timeout_ms = 86400001\n" + version),
+              "/tmp/limits.toml:2: timeout_ms is 86400001, outside 1 to 86400000");
+    EXPECT_EQ(refusal(rf_step("rf read", "offset = 4294967295\nlen = 0\n")), "accepted");
+    EXPECT_EQ(refusal("[[step]]\ncommand = \"rf read\"\ntable = 4294967295\noffset = 0\nlen = 1\n"), "accepted");
+    EXPECT_EQ(refusal("[[step]]\ncommand = \"rf read\"\ntable = 4294967296\noffset = 0\nlen = 1\n"),
+              "/tmp/limits.toml:4: table is 4294967296, outside 0 to 4294967295");
+    EXPECT_EQ(refusal("[[step]]\ncommand = \"card\"\nexpect = { min = 5, max = 5 }\n"), "accepted");
+    // A golden file as long as the read; one byte short is refused.
+    char dir[] = "/tmp/ovta-limits-XXXXXX";
+    ASSERT_NE(mkdtemp(dir), nullptr);
+    const std::string golden = std::string(dir) + "/golden.bin";
+    FILE* f = fopen(golden.c_str(), "wb");
+    ASSERT_NE(f, nullptr);
+    fwrite("0123", 1, 4, f);
+    fclose(f);
+    EXPECT_EQ(refusal(rf_step("rf read", "offset = 0\nlen = 4\nexpect = { golden = \"" + golden + "\" }\n")),
+              "accepted");
+    EXPECT_EQ(refusal(rf_step("rf read", "offset = 0\nlen = 5\nexpect = { golden = \"" + golden + "\" }\n")),
+              "/tmp/limits.toml:7: golden file holds 4 bytes, the read 5");
+    unlink(golden.c_str());
+    rmdir(dir);
+}
+
 TEST(StationLimits, RfWriteShorterThanItsDataWritesAndComparesItsLenOnly) {
     std::string error;
     auto plan = plan_of(rf_step("rf write", "offset = 8\nlen = 2\ndata = \"A1 A2 A3 A4\"\n") +
@@ -174,7 +203,9 @@ protected:
         phone_.reset(master);
         char name[128] = {};
         ASSERT_EQ(ttyname_r(slave, name, sizeof(name)), 0);
-        close(slave);
+        // Held open, so that the phone's end sees no hang-up before the
+        // station opens the line.
+        slave_.reset(slave);
         device_ = name;
         stop_.reset(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
     }
@@ -218,6 +249,7 @@ protected:
     }
 
     UniqueFd phone_;
+    UniqueFd slave_;
     UniqueFd stop_;
     std::string device_;
     std::thread phone_thread_;
@@ -227,7 +259,8 @@ protected:
 // step and meets a 3000 ms one.
 TEST_F(LatePhone, StepTimeoutIsInMilliseconds) {
     answer_late(kVersion, 700ms, kVersionV1);
-    station::SlotRecord r = run(one_step("[[step]]\ncommand = \"version\"\ntimeout_ms = 200\n"));
+    // The plan's own time, which every step without one takes.
+    station::SlotRecord r = run(one_step("timeout_ms = 200\n[[step]]\ncommand = \"version\"\n"));
     ASSERT_EQ(r.steps.size(), 1u);
     EXPECT_EQ(r.steps[0].verdict, station::StepVerdict::kFail);
     EXPECT_EQ(r.reason, "nothing came within 200 ms");
