@@ -232,9 +232,10 @@ int run(const std::vector<std::string>& args, int signals, const std::string& di
     if (pid < 0) return 127;
     // Readable once the program has ended (glibc's pidfd_open lacks C linkage).
     UniqueFd ended(static_cast<int>(syscall(SYS_pidfd_open, pid, 0)));
-    for (;;) {
+    if (!ended.valid()) fprintf(stderr, "ovta-fixture: pidfd_open: %s; no swaps by signal\n", strerror(errno));
+    while (ended.valid()) {
         pollfd p[2] = {{signals, POLLIN, 0}, {ended.get(), POLLIN, 0}};
-        if (poll(p, ended.valid() ? 2 : 1, -1) < 0 && errno != EINTR) break;
+        if (poll(p, 2, -1) < 0 && errno != EINTR) break;
         if (p[1].revents != 0) break;
         signalfd_siginfo info{};
         if (!(p[0].revents & POLLIN) || read(signals, &info, sizeof(info)) != sizeof(info)) continue;
