@@ -12,6 +12,7 @@
 #include <thread>
 #include <unistd.h>
 
+#include "agent_stand_in.hpp"
 #include "pc/lib/hex_text.hpp"
 #include "pc/lib/pc_frame_codec.hpp"
 #include "pc/lib/pc_requests.hpp"
@@ -278,6 +279,38 @@ TEST_F(LatePhone, RfReadTimeoutIsInMilliseconds) {
     ASSERT_EQ(r.steps.size(), 1u);
     EXPECT_EQ(r.steps[0].verdict, station::StepVerdict::kFail);
     EXPECT_EQ(r.reason, "nothing came within 200 ms");
+}
+
+// A record keeps up to 4096 data bytes as hex text, and of a longer transfer
+// its count only.
+TEST(StationRecordLimits, DataUpTo4096BytesIsKeptAsHexAndLongerAsItsCount) {
+    stand_in::AgentStandIn phone(stand_in::table_answer);
+    const std::string data4096 = tools::to_hex(Bytes(4096, 0x42));
+    const std::string data4097 = tools::to_hex(Bytes(4097, 0x42));
+    std::string error;
+    auto plan = plan_of(rf_step("rf read", "offset = 0\nlen = 4096\n") + rf_step("rf read", "offset = 0\nlen = 4097\n") +
+                            rf_step("rf write", "offset = 0\ndata = \"" + data4096 + "\"\n") +
+                            rf_step("rf write", "offset = 0\ndata = \"" + data4097 + "\"\n"),
+                        &error);
+    ASSERT_TRUE(plan) << error;
+    int stop[2];
+    ASSERT_EQ(pipe(stop), 0);
+    station::SlotStatus row;
+    row.device = phone.device();
+    station::StatusBoard board({row});
+    station::SlotSetup setup{1, phone.device(), "", "2026-11-26", stop[0]};
+    station::SlotRecord r = station::run_slot(*plan, setup, board);
+    close(stop[0]);
+    close(stop[1]);
+    ASSERT_TRUE(r.passed) << r.reason;
+    ASSERT_EQ(r.steps.size(), 4u);
+    const std::string measured = r.steps[0].measured.get<std::string>();
+    EXPECT_EQ(measured.size(), 4096u * 3 - 1);
+    EXPECT_EQ(measured.substr(0, 11), "00 01 02 03");
+    EXPECT_EQ(measured.substr(measured.size() - 5), "FE FF");
+    EXPECT_EQ(r.steps[1].measured, "4097 bytes");
+    EXPECT_EQ(r.steps[2].request["data"], data4096);
+    EXPECT_EQ(r.steps[3].request["data"], "4097 bytes");
 }
 
 }  // namespace
