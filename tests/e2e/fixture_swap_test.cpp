@@ -73,6 +73,19 @@ protected:
             kill(pid_, SIGTERM);
             finish();
         }
+        // The fixture and every phone's programs, built with a sanitizer, say so.
+        std::vector<std::string> logs = {dir_ + "/fixture.out"};
+        std::error_code ec;
+        for (const auto& e : fs::recursive_directory_iterator(fixture(), ec)) {
+            const std::string name = e.path().filename().string();
+            if (name == "agent.log" || name == "wfmgr.log") logs.push_back(e.path().string());
+        }
+        for (const std::string& log : logs) {
+            const std::string text = file_text(log);
+            if (text.find("Sanitizer") != std::string::npos || text.find("runtime error:") != std::string::npos) {
+                ADD_FAILURE() << "sanitizer report in " << log << ":\n" << text;
+            }
+        }
         if (HasFailure()) {
             std::cerr << "ovta-fixture's output:\n" << file_text(dir_ + "/fixture.out")
                       << "phones.log:\n" << file_text(dir_ + "/fixture/phones.log");
