@@ -2,7 +2,8 @@
 // the slots' lines. A swap hangs the line up, the path comes back with a
 // fresh phone whose stores are empty, and every phone's stores stay where
 // DIR/phones.log says. Swaps come on SIGUSR1 (the slot in turn or the ones
-// DIR/swap names), on a schedule, and at a command in the middle of a plan.
+// DIR/swap names), on a schedule, and at a command in the middle of a plan;
+// an odd phone has an RF table of other bytes.
 #include <gtest/gtest.h>
 
 #include <csignal>
@@ -160,7 +161,7 @@ protected:
 };
 
 TEST_F(FixtureSwap, SignalSwapHangsUpTheLineAndAFreshPhoneComesWithEmptyStores) {
-    ASSERT_NO_FATAL_FAILURE(start({"--phones", "1", "--swap-gap", "0.2"}));
+    ASSERT_NO_FATAL_FAILURE(start({"--phones", "1", "--swap-gap", "0.2", "--odd-phone", "1:2"}));
     ASSERT_TRUE(wait_event(fixture(), "on 1 1 " + root(1, 1) + " /dev/pts/"));
     for (int i = 0; i < 500 && !fs::exists(dir_ + "/args"); ++i) std::this_thread::sleep_for(10ms);
     EXPECT_EQ(file_text(dir_ + "/args"), "--device " + line(1) + "\n");
@@ -177,6 +178,11 @@ TEST_F(FixtureSwap, SignalSwapHangsUpTheLineAndAFreshPhoneComesWithEmptyStores) 
     // The first phone's stores stay; its agent has ended and left its log.
     EXPECT_EQ(file_text(root(1, 1) + "/amt/board_no.txt"), "SN-0001");
     EXPECT_NE(file_text(root(1, 1) + "/agent.log").find("handshake success"), std::string::npos);
+
+    // The second phone is the odd one: its RF table holds other bytes.
+    EXPECT_EQ(events(fixture())[2].substr(events(fixture())[2].size() - 4), " odd");
+    EXPECT_EQ(file_text(root(1, 1) + "/amt/rf/rf_table_1.bin").substr(0, 3), std::string("\x00\x01\x02", 3));
+    EXPECT_EQ(file_text(root(1, 2) + "/amt/rf/rf_table_1.bin").substr(0, 3), "\xFF\xFE\xFD");
 
     // The same path, a fresh agent, no board number.
     UniqueFd second = open_line(1);
