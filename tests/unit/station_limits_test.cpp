@@ -109,6 +109,31 @@ TEST(StationLimits, PlanNumbersAreTakenUpToTheirLastValue) {
     rmdir(dir);
 }
 
+// An rf write's file of 64 MiB is taken, one byte more is refused (sparse
+// files: nothing is written to the disk).
+TEST(StationLimits, RfWriteFileUpTo64MiB) {
+    char dir[] = "/tmp/ovta-limits-XXXXXX";
+    ASSERT_NE(mkdtemp(dir), nullptr);
+    const std::string path = std::string(dir) + "/table.bin";
+    for (const off_t size : {off_t{64} << 20, (off_t{64} << 20) + 1}) {
+        FILE* f = fopen(path.c_str(), "wb");
+        ASSERT_NE(f, nullptr);
+        ASSERT_EQ(ftruncate(fileno(f), size), 0);
+        fclose(f);
+        std::string error;
+        auto plan = plan_of(rf_step("rf write", "offset = 0\nfile = \"" + path + "\"\n"), &error);
+        if (size == off_t{64} << 20) {
+            ASSERT_TRUE(plan) << error;
+            EXPECT_EQ(plan->steps[0].len, 64u << 20);
+        } else {
+            EXPECT_FALSE(plan);
+            EXPECT_EQ(error, "/tmp/limits.toml:6: file " + path + " is larger than 67108864 bytes");
+        }
+    }
+    unlink(path.c_str());
+    rmdir(dir);
+}
+
 TEST(StationLimits, RfWriteShorterThanItsDataWritesAndComparesItsLenOnly) {
     std::string error;
     auto plan = plan_of(rf_step("rf write", "offset = 8\nlen = 2\ndata = \"A1 A2 A3 A4\"\n") +
