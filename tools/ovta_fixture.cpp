@@ -59,6 +59,10 @@
 //   DIR/phones.log                     "TIME on SLOT K ROOT DEVICE[ odd]" and
 //                                      "TIME off SLOT K ROOT WHY" per phone,
 //                                      WHY: schedule, signal, command CMD, end
+//
+// In a folder that an earlier fixture used, the phone numbers go on after
+// the ones there. A test in C++ can drive slots itself, without this
+// program: sandbox::FixtureSlot (line(), swap(), the same folder layout).
 #include <chrono>
 #include <csignal>
 #include <cstdio>
