@@ -16,6 +16,10 @@
 //   --pull-on SLOT:CMD    the first phone of SLOT that gets a frame with
 //                         command CMD is pulled before the frame reaches it:
 //                         a phone pulled in the middle of a plan. Repeatable
+//   --odd-phone SLOT:K    slot SLOT's K-th phone (1 is the first) gets an RF
+//                         table 1 of other bytes (FF FE FD ...): a plan that
+//                         checks the table fails on it while it answers.
+//                         Repeatable
 //   --station-handshake   the station answers each agent's handshake offer
 //                         (AA BB CC DD 7F, once a second for 20 s); otherwise
 //                         the fixture does and the line carries frames only
@@ -52,9 +56,13 @@
 //                                      test_result.txt, board_no.txt,
 //                                      product_date.txt, rf/rf_table_1.bin
 //   DIR/slot-N/phone-K/agent.log       its agent's log, once it is off
-//   DIR/phones.log                     "TIME on SLOT K ROOT DEVICE" and
+//   DIR/phones.log                     "TIME on SLOT K ROOT DEVICE[ odd]" and
 //                                      "TIME off SLOT K ROOT WHY" per phone,
 //                                      WHY: schedule, signal, command CMD, end
+//
+// In a folder that an earlier fixture used, the phone numbers go on after
+// the ones there. A test in C++ can drive slots itself, without this
+// program: sandbox::FixtureSlot (line(), swap(), the same folder layout).
 #include <chrono>
 #include <csignal>
 #include <cstdio>
@@ -82,7 +90,8 @@ using std::chrono::milliseconds;
 
 constexpr const char* kUsage =
     "usage: ovta-fixture [--phones N] [--table-bytes N] [--dir DIR] [--swap-every S[,S...]] [--swap-gap S]\n"
-    "                    [--pull-on SLOT:CMD]... [--station-handshake] [--runs K] [--time] -- PROGRAM ARGS...\n"
+    "                    [--pull-on SLOT:CMD]... [--odd-phone SLOT:K]... [--station-handshake] [--runs K] [--time]\n"
+    "                    -- PROGRAM ARGS...\n"
     "Lays out N phones (4), runs PROGRAM with one --device DIR/slot-N/tty per slot. SIGUSR1 swaps\n"
     "the slots listed in DIR/swap, or the next one in turn; DIR/phones.log says where each phone's\n"
     "stores stay (DIR/slot-N/phone-K/amt/). See the head of tools/ovta_fixture.cpp.\n";
@@ -118,6 +127,7 @@ struct Options {
     std::vector<milliseconds> every;
     milliseconds gap{500};
     std::vector<std::pair<size_t, uint32_t>> pulls;  // slot, command
+    std::vector<std::pair<size_t, size_t>> odd;      // slot, phone
     bool station_handshake = false;
     int runs = 1;
     bool timed = false;
@@ -179,6 +189,12 @@ std::optional<Options> parse(int argc, char** argv) {
             auto cmd = colon == std::string::npos ? std::nullopt : number(value.substr(colon + 1), 0xFFFFFFFFul);
             if (!slot || *slot == 0 || !cmd) return bad("--pull-on takes SLOT:CMD, not " + value);
             o.pulls.emplace_back(*slot, static_cast<uint32_t>(*cmd));
+        } else if (arg == "--odd-phone") {
+            const size_t colon = value.find(':');
+            auto slot = number(value.substr(0, colon), 64);
+            auto k = colon == std::string::npos ? std::nullopt : number(value.substr(colon + 1), 1000000);
+            if (!slot || *slot == 0 || !k || *k == 0) return bad("--odd-phone takes SLOT:K, not " + value);
+            o.odd.emplace_back(*slot, *k);
         } else {
             return bad("unknown option " + arg);
         }
@@ -187,6 +203,9 @@ std::optional<Options> parse(int argc, char** argv) {
     o.command.assign(argv + i + 1, argv + argc);
     for (const auto& [slot, cmd] : o.pulls) {
         if (slot > o.phones) return bad("--pull-on names slot " + std::to_string(slot) + " of " + std::to_string(o.phones));
+    }
+    for (const auto& [slot, k] : o.odd) {
+        if (slot > o.phones) return bad("--odd-phone names slot " + std::to_string(slot) + " of " + std::to_string(o.phones));
     }
     return o;
 }
@@ -232,9 +251,10 @@ int run(const std::vector<std::string>& args, int signals, const std::string& di
     if (pid < 0) return 127;
     // Readable once the program has ended (glibc's pidfd_open lacks C linkage).
     UniqueFd ended(static_cast<int>(syscall(SYS_pidfd_open, pid, 0)));
-    for (;;) {
+    if (!ended.valid()) fprintf(stderr, "ovta-fixture: pidfd_open: %s; no swaps by signal\n", strerror(errno));
+    while (ended.valid()) {
         pollfd p[2] = {{signals, POLLIN, 0}, {ended.get(), POLLIN, 0}};
-        if (poll(p, ended.valid() ? 2 : 1, -1) < 0 && errno != EINTR) break;
+        if (poll(p, 2, -1) < 0 && errno != EINTR) break;
         if (p[1].revents != 0) break;
         signalfd_siginfo info{};
         if (!(p[0].revents & POLLIN) || read(signals, &info, sizeof(info)) != sizeof(info)) continue;
@@ -303,6 +323,8 @@ int main(int argc, char** argv) {
     setup.wfmgr_sim = bin + "/wfmgr-sim";
     setup.wfmgr_args = {"--amt-path", "/amt/", "--rf-path", "/amt/rf/", "--rftab", "1=rf_table_1.bin"};
     setup.station_handshake = o.station_handshake;
+    sandbox::FixtureSetup odd_setup = setup;
+    for (char& c : odd_setup.files[0].second) c = static_cast<char>(~c);
 
     fprintf(stderr, "ovta-fixture: laying out %zu phones in %s\n", o.phones, o.dir.c_str());
     std::vector<std::unique_ptr<sandbox::FixtureSlot>> slots;
@@ -321,6 +343,10 @@ int main(int argc, char** argv) {
         for (const auto& [slot, cmd] : o.pulls) {
             if (slot == i + 1) s.pull_on_command = cmd;
         }
+        for (const auto& [slot, k] : o.odd) {
+            if (slot == i + 1) s.odd.push_back(k);
+        }
+        s.odd_phone = odd_setup;
         slots.push_back(std::make_unique<sandbox::FixtureSlot>(std::move(s)));
     }
     bool up = true;

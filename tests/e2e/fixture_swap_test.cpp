@@ -2,7 +2,8 @@
 // the slots' lines. A swap hangs the line up, the path comes back with a
 // fresh phone whose stores are empty, and every phone's stores stay where
 // DIR/phones.log says. Swaps come on SIGUSR1 (the slot in turn or the ones
-// DIR/swap names), on a schedule, and at a command in the middle of a plan.
+// DIR/swap names), on a schedule, and at a command in the middle of a plan;
+// an odd phone has an RF table of other bytes.
 #include <gtest/gtest.h>
 
 #include <csignal>
@@ -72,6 +73,19 @@ protected:
         if (pid_ > 0) {
             kill(pid_, SIGTERM);
             finish();
+        }
+        // The fixture and every phone's programs, built with a sanitizer, say so.
+        std::vector<std::string> logs = {dir_ + "/fixture.out"};
+        std::error_code ec;
+        for (const auto& e : fs::recursive_directory_iterator(fixture(), ec)) {
+            const std::string name = e.path().filename().string();
+            if (name == "agent.log" || name == "wfmgr.log") logs.push_back(e.path().string());
+        }
+        for (const std::string& log : logs) {
+            const std::string text = file_text(log);
+            if (text.find("Sanitizer") != std::string::npos || text.find("runtime error:") != std::string::npos) {
+                ADD_FAILURE() << "sanitizer report in " << log << ":\n" << text;
+            }
         }
         if (HasFailure()) {
             std::cerr << "ovta-fixture's output:\n" << file_text(dir_ + "/fixture.out")
@@ -147,7 +161,7 @@ protected:
 };
 
 TEST_F(FixtureSwap, SignalSwapHangsUpTheLineAndAFreshPhoneComesWithEmptyStores) {
-    ASSERT_NO_FATAL_FAILURE(start({"--phones", "1", "--swap-gap", "0.2"}));
+    ASSERT_NO_FATAL_FAILURE(start({"--phones", "1", "--swap-gap", "0.2", "--odd-phone", "1:2"}));
     ASSERT_TRUE(wait_event(fixture(), "on 1 1 " + root(1, 1) + " /dev/pts/"));
     for (int i = 0; i < 500 && !fs::exists(dir_ + "/args"); ++i) std::this_thread::sleep_for(10ms);
     EXPECT_EQ(file_text(dir_ + "/args"), "--device " + line(1) + "\n");
@@ -164,6 +178,11 @@ TEST_F(FixtureSwap, SignalSwapHangsUpTheLineAndAFreshPhoneComesWithEmptyStores) 
     // The first phone's stores stay; its agent has ended and left its log.
     EXPECT_EQ(file_text(root(1, 1) + "/amt/board_no.txt"), "SN-0001");
     EXPECT_NE(file_text(root(1, 1) + "/agent.log").find("handshake success"), std::string::npos);
+
+    // The second phone is the odd one: its RF table holds other bytes.
+    EXPECT_EQ(events(fixture())[2].substr(events(fixture())[2].size() - 4), " odd");
+    EXPECT_EQ(file_text(root(1, 1) + "/amt/rf/rf_table_1.bin").substr(0, 3), std::string("\x00\x01\x02", 3));
+    EXPECT_EQ(file_text(root(1, 2) + "/amt/rf/rf_table_1.bin").substr(0, 3), "\xFF\xFE\xFD");
 
     // The same path, a fresh agent, no board number.
     UniqueFd second = open_line(1);

@@ -12,6 +12,7 @@
 #include <thread>
 #include <unistd.h>
 
+#include "agent_stand_in.hpp"
 #include "pc/lib/hex_text.hpp"
 #include "pc/lib/pc_frame_codec.hpp"
 #include "pc/lib/pc_requests.hpp"
@@ -77,6 +78,60 @@ TEST(StationLimits, SliceAndRangeAreTakenUpToTheirLastByteAndRefusedOnePast) {
     EXPECT_TRUE(tools::range_fits(0xFFFFFFFFu, 0));
     EXPECT_FALSE(tools::range_fits(0xFFFFFFFFu, 2));
     EXPECT_FALSE(tools::range_fits(0x80000001u, 0x80000000u));
+}
+
+TEST(StationLimits, PlanNumbersAreTakenUpToTheirLastValue) {
+    const std::string version = "[[step]]\ncommand = \"version\"\n";
+    EXPECT_EQ(refusal(version + "timeout_ms = 1\n"), "accepted");
+    EXPECT_EQ(refusal(version + "timeout_ms = 86400000\n"), "accepted");
+    EXPECT_EQ(refusal(version + "timeout_ms = 86400001\n"),
+              "/tmp/limits.toml:4: timeout_ms is 86400001, outside 1 to 86400000");
+    EXPECT_EQ(refusal("timeout_ms = 86400001\n" + version),
+              "/tmp/limits.toml:2: timeout_ms is 86400001, outside 1 to 86400000");
+    EXPECT_EQ(refusal(rf_step("rf read", "offset = 4294967295\nlen = 0\n")), "accepted");
+    EXPECT_EQ(refusal("[[step]]\ncommand = \"rf read\"\ntable = 4294967295\noffset = 0\nlen = 1\n"), "accepted");
+    EXPECT_EQ(refusal("[[step]]\ncommand = \"rf read\"\ntable = 4294967296\noffset = 0\nlen = 1\n"),
+              "/tmp/limits.toml:4: table is 4294967296, outside 0 to 4294967295");
+    EXPECT_EQ(refusal("[[step]]\ncommand = \"card\"\nexpect = { min = 5, max = 5 }\n"), "accepted");
+    // A golden file as long as the read; one byte short is refused.
+    char dir[] = "/tmp/ovta-limits-XXXXXX";
+    ASSERT_NE(mkdtemp(dir), nullptr);
+    const std::string golden = std::string(dir) + "/golden.bin";
+    FILE* f = fopen(golden.c_str(), "wb");
+    ASSERT_NE(f, nullptr);
+    fwrite("0123", 1, 4, f);
+    fclose(f);
+    EXPECT_EQ(refusal(rf_step("rf read", "offset = 0\nlen = 4\nexpect = { golden = \"" + golden + "\" }\n")),
+              "accepted");
+    EXPECT_EQ(refusal(rf_step("rf read", "offset = 0\nlen = 5\nexpect = { golden = \"" + golden + "\" }\n")),
+              "/tmp/limits.toml:7: golden file holds 4 bytes, the read 5");
+    unlink(golden.c_str());
+    rmdir(dir);
+}
+
+// An rf write's file of 64 MiB is taken, one byte more is refused (sparse
+// files: nothing is written to the disk).
+TEST(StationLimits, RfWriteFileUpTo64MiB) {
+    char dir[] = "/tmp/ovta-limits-XXXXXX";
+    ASSERT_NE(mkdtemp(dir), nullptr);
+    const std::string path = std::string(dir) + "/table.bin";
+    for (const off_t size : {off_t{64} << 20, (off_t{64} << 20) + 1}) {
+        FILE* f = fopen(path.c_str(), "wb");
+        ASSERT_NE(f, nullptr);
+        ASSERT_EQ(ftruncate(fileno(f), size), 0);
+        fclose(f);
+        std::string error;
+        auto plan = plan_of(rf_step("rf write", "offset = 0\nfile = \"" + path + "\"\n"), &error);
+        if (size == off_t{64} << 20) {
+            ASSERT_TRUE(plan) << error;
+            EXPECT_EQ(plan->steps[0].len, 64u << 20);
+        } else {
+            EXPECT_FALSE(plan);
+            EXPECT_EQ(error, "/tmp/limits.toml:6: file " + path + " is larger than 67108864 bytes");
+        }
+    }
+    unlink(path.c_str());
+    rmdir(dir);
 }
 
 TEST(StationLimits, RfWriteShorterThanItsDataWritesAndComparesItsLenOnly) {
@@ -174,7 +229,9 @@ protected:
         phone_.reset(master);
         char name[128] = {};
         ASSERT_EQ(ttyname_r(slave, name, sizeof(name)), 0);
-        close(slave);
+        // Held open, so that the phone's end sees no hang-up before the
+        // station opens the line.
+        slave_.reset(slave);
         device_ = name;
         stop_.reset(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
     }
@@ -218,6 +275,7 @@ protected:
     }
 
     UniqueFd phone_;
+    UniqueFd slave_;
     UniqueFd stop_;
     std::string device_;
     std::thread phone_thread_;
@@ -227,7 +285,8 @@ protected:
 // step and meets a 3000 ms one.
 TEST_F(LatePhone, StepTimeoutIsInMilliseconds) {
     answer_late(kVersion, 700ms, kVersionV1);
-    station::SlotRecord r = run(one_step("[[step]]\ncommand = \"version\"\ntimeout_ms = 200\n"));
+    // The plan's own time, which every step without one takes.
+    station::SlotRecord r = run(one_step("timeout_ms = 200\n[[step]]\ncommand = \"version\"\n"));
     ASSERT_EQ(r.steps.size(), 1u);
     EXPECT_EQ(r.steps[0].verdict, station::StepVerdict::kFail);
     EXPECT_EQ(r.reason, "nothing came within 200 ms");
@@ -245,6 +304,38 @@ TEST_F(LatePhone, RfReadTimeoutIsInMilliseconds) {
     ASSERT_EQ(r.steps.size(), 1u);
     EXPECT_EQ(r.steps[0].verdict, station::StepVerdict::kFail);
     EXPECT_EQ(r.reason, "nothing came within 200 ms");
+}
+
+// A record keeps up to 4096 data bytes as hex text, and of a longer transfer
+// its count only.
+TEST(StationRecordLimits, DataUpTo4096BytesIsKeptAsHexAndLongerAsItsCount) {
+    stand_in::AgentStandIn phone(stand_in::table_answer);
+    const std::string data4096 = tools::to_hex(Bytes(4096, 0x42));
+    const std::string data4097 = tools::to_hex(Bytes(4097, 0x42));
+    std::string error;
+    auto plan = plan_of(rf_step("rf read", "offset = 0\nlen = 4096\n") + rf_step("rf read", "offset = 0\nlen = 4097\n") +
+                            rf_step("rf write", "offset = 0\ndata = \"" + data4096 + "\"\n") +
+                            rf_step("rf write", "offset = 0\ndata = \"" + data4097 + "\"\n"),
+                        &error);
+    ASSERT_TRUE(plan) << error;
+    int stop[2];
+    ASSERT_EQ(pipe(stop), 0);
+    station::SlotStatus row;
+    row.device = phone.device();
+    station::StatusBoard board({row});
+    station::SlotSetup setup{1, phone.device(), "", "2026-11-26", stop[0]};
+    station::SlotRecord r = station::run_slot(*plan, setup, board);
+    close(stop[0]);
+    close(stop[1]);
+    ASSERT_TRUE(r.passed) << r.reason;
+    ASSERT_EQ(r.steps.size(), 4u);
+    const std::string measured = r.steps[0].measured.get<std::string>();
+    EXPECT_EQ(measured.size(), 4096u * 3 - 1);
+    EXPECT_EQ(measured.substr(0, 11), "00 01 02 03");
+    EXPECT_EQ(measured.substr(measured.size() - 5), "FE FF");
+    EXPECT_EQ(r.steps[1].measured, "4097 bytes");
+    EXPECT_EQ(r.steps[2].request["data"], data4096);
+    EXPECT_EQ(r.steps[3].request["data"], "4097 bytes");
 }
 
 }  // namespace

@@ -118,7 +118,8 @@ bool FixtureSlot::put_on(std::string* why) {
         std::lock_guard<std::mutex> hold(mu_);
         k = ++count_;
     }
-    FixtureSetup setup = setup_.phone;
+    const bool odd = std::find(setup_.odd.begin(), setup_.odd.end(), k) != setup_.odd.end();
+    FixtureSetup setup = odd ? setup_.odd_phone : setup_.phone;
     setup.phone.root = setup_.dir + "/slot-" + std::to_string(setup_.slot) + "/phone-" + std::to_string(k);
     setup.keep_logs = true;
     setup.pulled_event = wake_.get();
@@ -137,7 +138,7 @@ bool FixtureSlot::put_on(std::string* why) {
         phone_.reset();
         return false;
     }
-    setup_.log->write("on " + head + phone_->device());
+    setup_.log->write("on " + head + phone_->device() + (odd ? " odd" : ""));
     return true;
 }
 

@@ -34,6 +34,7 @@
 #include <optional>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include "process/unique_fd.hpp"
 #include "sandbox_fixture.hpp"
@@ -43,7 +44,8 @@ namespace sandbox {
 // DIR/phones.log: one line per event, fields parted by one space:
 //
 //   TIME on SLOT PHONE ROOT DEVICE     phone PHONE went on slot SLOT; its tree
-//                                      is ROOT, its line DEVICE (/dev/pts/M)
+//                                      is ROOT, its line DEVICE (/dev/pts/M);
+//                                      " odd" behind it for an odd phone
 //   TIME off SLOT PHONE ROOT WHY       it went off, its programs ended; WHY is
 //                                      schedule, signal, command CMD or end
 //   TIME failed SLOT PHONE ROOT WHY    it did not come up; the slot stays empty
@@ -74,6 +76,10 @@ struct SlotSetup {
     // The first phone to get a frame with this command is pulled at once,
     // before the frame reaches it, and a fresh one put on.
     std::optional<uint32_t> pull_on_command;
+    // The phones of these numbers are laid out as `odd_phone` says instead
+    // (e.g. with other table contents, so that a plan fails on them).
+    std::vector<size_t> odd;
+    FixtureSetup odd_phone;
 };
 
 class FixtureSlot {
