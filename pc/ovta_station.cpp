@@ -1,37 +1,42 @@
 // ovta-station: one station's plan on every phone of a fixture at once.
 // `ovta-station --help` shows the options; pc/station/plan.hpp the plan.
 //
-// Threads: the main thread reads the plan and the command line, starts one
-// thread per slot (pc/station/slot_runner.hpp) and then only waits: for a
-// slot to report (the status board's eventfd), for SIGINT or SIGTERM (a
+// Threads: the main thread reads the plan and the command line, makes the
+// run's records folder, starts one thread per slot and then only waits: for
+// a slot to report (the status board's eventfd), for SIGINT or SIGTERM (a
 // signalfd; both are blocked in every thread), and on a terminal for the
-// next second of the time column. A signal writes the stop eventfd, which
-// every slot's exchange polls beside its line, so each slot ends at once and
+// next second of the time column. A slot runs the plan once
+// (pc/station/slot_runner.hpp), or with --loop phone after phone on its own
+// cycle (pc/station/slot_cycle.hpp); either way each phone's record is
+// written as soon as it is done. A signal writes the stop eventfd, which
+// every slot's waits poll beside its line, so each slot ends at once and
 // records what it did. When all slots have ended the main thread joins them
-// and writes the records.
+// and writes the JUnit file (in a loop also every ten seconds on the way).
 //
-// Exit status: 0 every phone passed, 1 any failed (or was stopped), 2 the
-// plan or the command line is wrong.
+// Exit status: 0 every phone passed, 1 any failed, was stopped or has an
+// unknown verdict, 2 the plan or the command line is wrong.
 #include <algorithm>
 #include <csignal>
 #include <cstdio>
 #include <cstring>
-#include <glob.h>
 #include <poll.h>
 #include <string>
 #include <sys/eventfd.h>
 #include <sys/signalfd.h>
-#include <sys/stat.h>
 #include <thread>
 #include <unistd.h>
 #include <vector>
 
 #include "pc/results/commands.hpp"
+#include "pc/station/board_list.hpp"
 #include "pc/station/live_view.hpp"
-#include "pc/station/utc_text.hpp"
 #include "pc/station/plan.hpp"
-#include "pc/station/records.hpp"
+#include "pc/station/record_keeper.hpp"
+#include "pc/station/run_folder.hpp"
+#include "pc/station/slot_cycle.hpp"
 #include "pc/station/slot_runner.hpp"
+#include "pc/station/station_options.hpp"
+#include "pc/station/utc_text.hpp"
 
 namespace {
 
@@ -39,51 +44,17 @@ constexpr int kExitPassed = 0;
 constexpr int kExitFailed = 1;
 constexpr int kExitUsage = 2;
 
-const char kUsage[] =
-    "usage: ovta-station PLAN --device PATH [--device PATH ...] [--records DIR] [--junit FILE] [--plain]\n"
-    "\n"
-    "Runs the plan (a TOML file) on every device at once, one slot per device in the order given.\n"
-    "  --device PATH   a phone's serial line; repeatable, and a glob such as '/dev/ttyACM*' gives one\n"
-    "                  slot per match, in name order\n"
-    "  --records DIR   where the records go (default records/): DIR/slot-N.json per phone and\n"
-    "                  DIR/junit.xml for the run\n"
-    "  --junit FILE    the JUnit XML file instead of DIR/junit.xml\n"
-    "  --plain         one line per finished step even on a terminal, instead of the live table\n"
-    "\n"
-    "Ctrl-C stops every slot at once; the records of what ran are still written.\n"
-    "Exit status: 0 every phone passed, 1 any phone failed or was stopped, 2 plan or usage error\n";
-
-struct Options {
-    std::string plan;
-    std::vector<std::string> devices;
-    std::string records = "records";
-    std::string junit;
-    bool plain = false;
-};
+// How often a loop's JUnit file is rewritten while phones come and go.
+constexpr auto kJunitEvery = std::chrono::seconds(10);
 
 int usage_error(const std::string& why) {
     fprintf(stderr, "ovta-station: %s; ovta-station --help shows the usage\n", why.c_str());
     return kExitUsage;
 }
 
-// The device paths of one --device: the matches of a glob, or the path.
-bool add_devices(const std::string& pattern, std::vector<std::string>* out) {
-    if (pattern.find_first_of("*?[") == std::string::npos) {
-        out->push_back(pattern);
-        return true;
-    }
-    glob_t matches{};
-    const int r = glob(pattern.c_str(), 0, nullptr, &matches);
-    if (r == 0) {
-        for (size_t i = 0; i < matches.gl_pathc; ++i) out->push_back(matches.gl_pathv[i]);
-    }
-    globfree(&matches);
-    return r == 0;
-}
-
-bool all_finished(const station::StatusBoard& board) {
+bool all_ended(const station::StatusBoard& board, bool loop) {
     for (const station::SlotStatus& s : board.rows()) {
-        if (!s.finished) return false;
+        if (!(loop ? s.closed : s.finished)) return false;
     }
     return true;
 }
@@ -92,34 +63,14 @@ bool all_finished(const station::StatusBoard& board) {
 
 int main(int argc, char** argv) {
     if (const int status = results::station_subcommand(argc, argv); status >= 0) return status;
-    Options opt;
     for (int i = 1; i < argc; ++i) {
-        const std::string arg = argv[i];
-        const bool has_value = i + 1 < argc;
-        if (arg == "--help" || arg == "-h") {
-            fputs(kUsage, stdout);
+        if (strcmp(argv[i], "--help") == 0 || strcmp(argv[i], "-h") == 0) {
+            fputs(station::kUsage, stdout);
             return kExitPassed;
-        } else if (arg == "--plain") {
-            opt.plain = true;
-        } else if (arg == "--device" && has_value) {
-            if (!add_devices(argv[++i], &opt.devices)) return usage_error(std::string("no device matches ") + argv[i]);
-        } else if (arg == "--records" && has_value) {
-            opt.records = argv[++i];
-        } else if (arg == "--junit" && has_value) {
-            opt.junit = argv[++i];
-        } else if (arg.size() > 1 && arg[0] == '-') {
-            return usage_error("unknown option or missing value: " + arg);
-        } else if (opt.plan.empty()) {
-            opt.plan = arg;
-        } else {
-            return usage_error("one plan only: " + arg);
         }
     }
-    if (opt.plan.empty()) return usage_error("no plan");
-    if (opt.devices.empty()) return usage_error("no --device");
-    std::vector<std::string> sorted = opt.devices;
-    std::sort(sorted.begin(), sorted.end());
-    if (std::adjacent_find(sorted.begin(), sorted.end()) != sorted.end()) return usage_error("a device given twice");
+    station::Options opt;
+    if (auto why = station::read_options(argc, argv, &opt)) return usage_error(*why);
 
     std::string error;
     std::optional<station::Plan> plan = station::parse_plan(opt.plan, &error);
@@ -127,14 +78,13 @@ int main(int argc, char** argv) {
         fprintf(stderr, "ovta-station: plan refused: %s\n", error.c_str());
         return kExitUsage;
     }
-    if (!plan->boards.empty() && plan->boards.size() < opt.devices.size()) {
-        return usage_error("the plan lists " + std::to_string(plan->boards.size()) + " board numbers for " +
-                           std::to_string(opt.devices.size()) + " devices");
-    }
-    if (mkdir(opt.records.c_str(), 0755) != 0 && errno != EEXIST) {
-        return usage_error("cannot make " + opt.records + ": " + strerror(errno));
-    }
-    if (opt.junit.empty()) opt.junit = opt.records + "/junit.xml";
+    const size_t slots = opt.devices.size();
+    station::BoardList boards(slots);
+    if (auto why = station::gather_boards(opt, *plan, &boards)) return usage_error(*why);
+    std::optional<std::string> folder = station::make_run_folder(
+        opt.records, station::run_folder_name(station::utc_folder_stamp(), plan->name), &error);
+    if (!folder) return usage_error(error);
+    if (opt.junit.empty()) opt.junit = *folder + "/junit.xml";
 
     // Blocked before any thread starts, so that every thread inherits it and
     // only the signalfd sees the two signals.
@@ -150,7 +100,6 @@ int main(int argc, char** argv) {
         return kExitFailed;
     }
 
-    const size_t slots = opt.devices.size();
     const size_t steps = plan->steps.size() + (plan->verdict ? 1 : 0);
     const auto start = std::chrono::steady_clock::now();
     std::vector<station::SlotStatus> rows(slots);
@@ -158,18 +107,29 @@ int main(int argc, char** argv) {
     const std::string today = station::utc_date();
     for (size_t i = 0; i < slots; ++i) {
         rows[i].device = opt.devices[i];
-        rows[i].board = plan->boards.empty() ? "" : plan->boards[i];
         rows[i].steps = steps;
         rows[i].started = start;
-        setups[i] = {i + 1, opt.devices[i], rows[i].board, today, stop.get()};
+        setups[i] = {i + 1, opt.devices[i], "", today, stop.get()};
+        // A loop takes a --boards file's numbers one per phone; a slot's
+        // --board or the plan's number is the slot's, for every phone on it.
+        if (!opt.loop || opt.board_file.empty()) {
+            rows[i].board = boards.take(i + 1).value_or("");
+            setups[i].board = rows[i].board;
+            setups[i].read_board = rows[i].board.empty() && !plan->sets_board;
+        }
     }
     station::StatusBoard board(std::move(rows));
-    station::LiveView view(stdout, !opt.plain && isatty(STDOUT_FILENO) == 1);
+    station::LiveView view(stdout, !opt.plain && isatty(STDOUT_FILENO) == 1, opt.loop);
+    station::RecordKeeper keeper(*plan, *folder, opt.junit);
 
-    std::vector<station::SlotRecord> records(slots);
     std::vector<std::thread> threads;
     for (size_t i = 0; i < slots; ++i) {
-        threads.emplace_back([&, i] { records[i] = station::run_slot(*plan, setups[i], board); });
+        if (opt.loop) {
+            station::CycleSetup cycle{setups[i], opt.board_file.empty() ? nullptr : &boards, plan->uses_board};
+            threads.emplace_back([&, cycle] { station::run_cycle(*plan, cycle, board, keeper); });
+        } else {
+            threads.emplace_back([&, i] { keeper.keep(station::run_slot(*plan, setups[i], board)); });
+        }
     }
 
     // On a terminal the table is redrawn at most ten times a second however
@@ -179,9 +139,10 @@ int main(int argc, char** argv) {
     bool stopped = false;
     bool dirty = false;
     auto drawn_at = std::chrono::steady_clock::now();
+    auto junit_at = drawn_at;
     view.show(board);
-    while (!all_finished(board)) {
-        int timeout = -1;
+    while (!all_ended(board, opt.loop)) {
+        int timeout = opt.loop ? 1000 : -1;
         if (view.terminal()) {
             const auto since = std::chrono::duration_cast<milliseconds>(std::chrono::steady_clock::now() - drawn_at);
             timeout = static_cast<int>(std::max<long long>(0, (dirty ? 100 : 1000) - since.count()));
@@ -208,34 +169,24 @@ int main(int argc, char** argv) {
             drawn_at = now;
             dirty = false;
         }
+        if (opt.loop && now - junit_at >= kJunitEvery) {
+            if (!keeper.write_junit(&error)) fprintf(stderr, "ovta-station: %s\n", error.c_str());
+            junit_at = now;
+        }
     }
     for (std::thread& t : threads) t.join();
     view.show(board);
 
-    bool all_passed = true;
-    bool written = true;
-    for (const station::SlotRecord& r : records) {
-        all_passed = all_passed && r.passed;
-        const std::string path = opt.records + "/" + station::slot_file_name(r);
-        if (!station::write_whole(path, station::slot_json(*plan, r).dump(2) + "\n", &error)) {
-            fprintf(stderr, "ovta-station: %s\n", error.c_str());
-            written = false;
-        }
-    }
-    if (!station::write_whole(opt.junit, station::junit_xml(*plan, records), &error)) {
-        fprintf(stderr, "ovta-station: %s\n", error.c_str());
+    bool written = keeper.write_junit(&error);
+    if (!written) fprintf(stderr, "ovta-station: %s\n", error.c_str());
+    for (const std::string& e : keeper.take_errors()) {
+        fprintf(stderr, "ovta-station: %s\n", e.c_str());
         written = false;
     }
-    size_t passed = 0;
-    for (const station::SlotRecord& r : records) passed += r.passed ? 1 : 0;
-    printf("%zu of %zu phones passed%s; records in %s/\n", passed, slots, stopped ? " (stopped)" : "",
-           opt.records.c_str());
-    for (const station::SlotRecord& r : records) {
-        if (!r.passed) {
-            printf("slot %zu %s: %s%s%s\n", r.slot, r.device.c_str(), r.stopped ? "stopped" : "failed",
-                   r.failed_step.empty() ? "" : (" at \"" + r.failed_step + "\"").c_str(),
-                   r.reason.empty() ? "" : (": " + r.reason).c_str());
-        }
-    }
+    const station::RecordKeeper::Counts counts = keeper.counts();
+    printf("%zu of %zu phones passed%s; records in %s/\n", counts.passed, counts.phones, stopped ? " (stopped)" : "",
+           folder->c_str());
+    for (const std::string& line : keeper.not_passed()) printf("%s\n", line.c_str());
+    const bool all_passed = counts.phones > 0 && counts.passed == counts.phones;
     return all_passed && written ? kExitPassed : kExitFailed;
 }

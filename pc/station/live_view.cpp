@@ -1,5 +1,6 @@
 #include "pc/station/live_view.hpp"
 
+#include <algorithm>
 #include <sys/ioctl.h>
 
 #include "pc/lib/progress_bar.hpp"
@@ -22,10 +23,27 @@ std::string elapsed(const SlotStatus& s, std::chrono::steady_clock::time_point n
 
 }  // namespace
 
-std::vector<std::string> table_lines(const std::vector<SlotStatus>& rows, std::chrono::steady_clock::time_point now) {
+std::string loop_columns(const SlotStatus& s) {
+    char rate[16] = "-";
+    if (s.phones > 0) {
+        snprintf(rate, sizeof(rate), "%.0f%%",
+                 100.0 * static_cast<double>(s.phones_passed) / static_cast<double>(s.phones));
+    }
+    char counts[48];
+    snprintf(counts, sizeof(counts), "%6zu %5s  ", s.phones, rate);
+    return counts + fit(s.last_board.empty() ? "-" : s.last_board, 12) + " " +
+           (s.last_verdict.empty() ? "-" : s.last_verdict);
+}
+
+std::vector<std::string> table_lines(const std::vector<SlotStatus>& rows, std::chrono::steady_clock::time_point now,
+                                     bool loop) {
+    // As wide as the longest device path, within reason.
+    size_t device_width = 14;
+    for (const SlotStatus& s : rows) device_width = std::max(device_width, std::min<size_t>(s.device.size(), 40));
     std::vector<std::string> lines;
-    lines.push_back("slot  " + fit("device", 14) + " " + fit("board", 12) + " " + fit("step", 28) + " " +
-                    fit("rf", 15) + " pass fail  " + fit("time", 8) + " state");
+    lines.push_back("slot  " + fit("device", device_width) + " " + fit("board", 12) + " " + fit("step", 28) + " " +
+                    fit("rf", 15) + " pass fail  " + fit("time", 8) + " " +
+                    (loop ? fit("state", 10) + " phones  pass  last board   last verdict" : "state"));
     for (size_t i = 0; i < rows.size(); ++i) {
         const SlotStatus& s = rows[i];
         std::string step = s.step == 0 ? "-" : std::to_string(s.step) + "/" + std::to_string(s.steps) + " " + s.step_name;
@@ -38,8 +56,23 @@ std::vector<std::string> table_lines(const std::vector<SlotStatus>& rows, std::c
         char counts[32];
         snprintf(counts, sizeof(counts), "%4zu %4zu  ", s.passed, s.failed);
         std::string state = s.finished ? s.verdict : s.step == 0 ? "starting" : "running";
-        lines.push_back(fit(std::to_string(i + 1), 6) + fit(s.device, 14) + " " + fit(s.board, 12) + " " +
-                        fit(step, 28) + " " + fit(rf, 15) + counts + fit(elapsed(s, now), 8) + " " + state);
+        if (!loop) {
+            lines.push_back(fit(std::to_string(i + 1), 6) + fit(s.device, device_width) + " " + fit(s.board, 12) + " " +
+                            fit(step, 28) + " " + fit(rf, 15) + counts + fit(elapsed(s, now), 8) + " " + state);
+            continue;
+        }
+        // Between phones the row shows what the slot waits for.
+        if (s.closed) state = "ended";
+        if (s.waiting || s.closed) {
+            step = s.note;
+            rf = "-";
+            std::snprintf(counts, sizeof(counts), "%4s %4s  ", "", "");
+        }
+        if (s.waiting) state = "waiting";
+        const bool idle = s.waiting || s.closed;
+        lines.push_back(fit(std::to_string(i + 1), 6) + fit(s.device, device_width) + " " + fit(idle ? "" : s.board, 12) + " " +
+                        fit(step, 28) + " " + fit(rf, 15) + counts + fit(idle ? "" : elapsed(s, now), 8) + " " +
+                        fit(state, 10) + loop_columns(s));
     }
     return lines;
 }
@@ -52,7 +85,7 @@ void LiveView::show(StatusBoard& board) {
         fflush(out_);
         return;
     }
-    std::vector<std::string> lines = table_lines(board.rows(), std::chrono::steady_clock::now());
+    std::vector<std::string> lines = table_lines(board.rows(), std::chrono::steady_clock::now(), loop_);
     // A line that wrapped would throw the redraw off by a row.
     winsize size{};
     if (ioctl(fileno(out_), TIOCGWINSZ, &size) == 0 && size.ws_col > 1) {

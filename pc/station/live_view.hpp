@@ -13,12 +13,15 @@
 
 namespace station {
 
-// The table's lines, header first, as of `now`.
-std::vector<std::string> table_lines(const std::vector<SlotStatus>& rows, std::chrono::steady_clock::time_point now);
+// The table's lines, header first, as of `now`. A loop's table adds, per
+// slot, the phones done since the start, their pass rate and the last
+// phone's board and verdict.
+std::vector<std::string> table_lines(const std::vector<SlotStatus>& rows, std::chrono::steady_clock::time_point now,
+                                     bool loop = false);
 
 class LiveView {
 public:
-    LiveView(FILE* out, bool terminal) : out_(out), terminal_(terminal) {}
+    LiveView(FILE* out, bool terminal, bool loop = false) : out_(out), terminal_(terminal), loop_(loop) {}
     bool terminal() const { return terminal_; }
     // Shows what changed on `board` since the last call.
     void show(StatusBoard& board);
@@ -28,6 +31,7 @@ public:
 private:
     FILE* out_;
     bool terminal_;
+    bool loop_;
     size_t drawn_ = 0;  // lines of the table on the screen
 };
 

@@ -7,7 +7,10 @@
 //   station = 12                  # the station number; the verdict goes there
 //   verdict = true                # write the verdict with command 91 at the end
 //   timeout_ms = 3000             # wait for each answer this long (default 3000)
-//   boards = ["SN-0001", "SN-0002"]   # {board}: one per slot, in slot order
+//   verdict_timeout_ms = 5000     # wait for the verdict's answer at least this long
+//                                 # (default 5000, and never less than timeout_ms + 2000)
+//   boards = ["SN-0001", "SN-0002"]   # {board}: one per slot, in slot order, unless
+//                                     # ovta-station is given --board or --boards
 //
 //   [[step]]
 //   name = "board number"         # optional; the command by default
@@ -101,7 +104,10 @@ struct Plan {
     std::string name;  // the file name without its directory
     std::optional<uint32_t> station;
     bool verdict = false;
+    uint32_t verdict_timeout_ms = 5000;  // the verdict write's whole wait, store creation included
     std::vector<std::string> boards;
+    bool uses_board = false;  // some text holds {board}
+    bool sets_board = false;  // some step is a "board set"
     std::vector<Step> steps;
 };
 

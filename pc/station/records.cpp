@@ -1,6 +1,10 @@
 #include "pc/station/records.hpp"
 
+#include <algorithm>
 #include <cstdio>
+#include <cstring>
+#include <fcntl.h>
+#include <unistd.h>
 
 #include "pc/lib/whole_file.hpp"
 
@@ -22,19 +26,34 @@ nlohmann::json slot_json(const Plan& plan, const SlotRecord& r) {
     }
     nlohmann::json j = {{"plan", {{"file", plan.path}, {"station", nullptr}, {"steps", plan.steps.size()}}},
                         {"slot", r.slot},
+                        {"phone", r.phone},
                         {"device", r.device},
                         {"board", r.board},
                         {"started", r.started},
                         {"duration_ms", static_cast<int64_t>(r.seconds * 1000 + 0.5)},
-                        {"verdict", r.stopped ? "stopped" : r.passed ? "pass" : "fail"},
+                        {"verdict", slot_verdict_name(r)},
                         {"failed_step", r.failed_step},
                         {"reason", r.reason},
+                        {"stored", r.stored},
                         {"steps", steps}};
     if (plan.station) j["plan"]["station"] = *plan.station;
+    if (!r.board_read.is_null()) j["board_read"] = r.board_read;
     return j;
 }
 
-std::string slot_file_name(const SlotRecord& record) { return "slot-" + std::to_string(record.slot) + ".json"; }
+const char* slot_verdict_name(const SlotRecord& r) {
+    return r.stopped ? "stopped" : r.unknown ? "unknown" : r.passed ? "pass" : "fail";
+}
+
+std::string slot_file_name(const SlotRecord& record) {
+    std::string name = "slot-" + std::to_string(record.slot);
+    if (record.phone > 0) {
+        char number[32];
+        snprintf(number, sizeof(number), "-%04zu", record.phone);
+        name += number;
+    }
+    return name + ".json";
+}
 
 std::string xml_escape(const std::string& text) {
     std::string out;
@@ -66,58 +85,78 @@ std::string seconds_text(double seconds) {
 
 }  // namespace
 
-std::string junit_xml(const Plan& plan, const std::vector<SlotRecord>& records) {
+JunitSuite junit_suite(const SlotRecord& r) {
+    JunitSuite suite;
+    std::string cases;
+    size_t failures = 0;
+    size_t skipped = 0;
+    const std::string classname = "slot" + std::to_string(r.slot) + (r.phone > 0 ? "." + std::to_string(r.phone) : "");
+    // A slot whose line did not open has no step that ran: the opening is
+    // its one failed case.
+    std::vector<StepRecord> steps = r.steps;
+    if (steps.empty() && !r.reason.empty()) {
+        StepRecord open;
+        open.index = 0;
+        open.name = r.failed_step;
+        open.verdict = StepVerdict::kFail;
+        open.reason = r.reason;
+        steps.push_back(open);
+    }
+    for (const StepRecord& s : steps) {
+        cases += "    <testcase classname=\"" + xml_escape(classname) + "\" name=\"" +
+                 xml_escape(std::to_string(s.index) + " " + s.name) + "\" time=\"" + seconds_text(s.seconds) + "\"";
+        if (s.verdict == StepVerdict::kPass) {
+            cases += "/>\n";
+            continue;
+        }
+        cases += ">\n";
+        if (s.verdict == StepVerdict::kFail) {
+            ++failures;
+            cases += "      <failure message=\"" + xml_escape(s.reason) + "\" type=\"" + xml_escape(s.command) + "\">" +
+                     xml_escape(s.answer.dump()) + "</failure>\n";
+        } else {
+            ++skipped;
+            cases += "      <skipped message=\"" + xml_escape(s.reason) + "\"/>\n";
+        }
+        cases += "    </testcase>\n";
+    }
+    suite.xml = "  <testsuite name=\"" + xml_escape(classname + " " + r.device + (r.board.empty() ? "" : " " + r.board)) +
+                "\" tests=\"" + std::to_string(steps.size()) + "\" failures=\"" + std::to_string(failures) +
+                "\" errors=\"0\" skipped=\"" + std::to_string(skipped) + "\" time=\"" + seconds_text(r.seconds) +
+                "\" timestamp=\"" + xml_escape(r.started) + "\">\n" + cases + "  </testsuite>\n";
+    suite.tests = steps.size();
+    suite.failures = failures;
+    suite.skipped = skipped;
+    suite.seconds = r.seconds;
+    return suite;
+}
+
+std::string junit_document(const Plan& plan, const std::vector<JunitSuite>& suites) {
     size_t tests = 0;
     size_t failures = 0;
     size_t skipped = 0;
     double total = 0;
-    std::string suites;
-    for (const SlotRecord& r : records) {
-        size_t suite_failures = 0;
-        size_t suite_skipped = 0;
-        std::string cases;
-        const std::string classname = "slot" + std::to_string(r.slot);
-        // A slot whose line did not open has no step that ran: the opening is
-        // its one failed case.
-        std::vector<StepRecord> steps = r.steps;
-        if (steps.empty() && !r.reason.empty()) {
-            StepRecord open;
-            open.index = 0;
-            open.name = r.failed_step;
-            open.verdict = StepVerdict::kFail;
-            open.reason = r.reason;
-            steps.push_back(open);
-        }
-        for (const StepRecord& s : steps) {
-            cases += "    <testcase classname=\"" + xml_escape(classname) + "\" name=\"" +
-                     xml_escape(std::to_string(s.index) + " " + s.name) + "\" time=\"" + seconds_text(s.seconds) + "\"";
-            if (s.verdict == StepVerdict::kPass) {
-                cases += "/>\n";
-                continue;
-            }
-            cases += ">\n";
-            if (s.verdict == StepVerdict::kFail) {
-                ++suite_failures;
-                cases += "      <failure message=\"" + xml_escape(s.reason) + "\" type=\"" + xml_escape(s.command) +
-                         "\">" + xml_escape(s.answer.dump()) + "</failure>\n";
-            } else {
-                ++suite_skipped;
-                cases += "      <skipped message=\"" + xml_escape(s.reason) + "\"/>\n";
-            }
-            cases += "    </testcase>\n";
-        }
-        suites += "  <testsuite name=\"" + xml_escape(classname + " " + r.device + (r.board.empty() ? "" : " " + r.board)) +
-                  "\" tests=\"" + std::to_string(steps.size()) + "\" failures=\"" + std::to_string(suite_failures) +
-                  "\" errors=\"0\" skipped=\"" + std::to_string(suite_skipped) + "\" time=\"" + seconds_text(r.seconds) +
-                  "\" timestamp=\"" + xml_escape(r.started) + "\">\n" + cases + "  </testsuite>\n";
-        tests += steps.size();
-        failures += suite_failures;
-        skipped += suite_skipped;
-        total = std::max(total, r.seconds);
+    size_t size = 0;
+    for (const JunitSuite& s : suites) {
+        tests += s.tests;
+        failures += s.failures;
+        skipped += s.skipped;
+        total = std::max(total, s.seconds);
+        size += s.xml.size();
     }
-    return "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<testsuites name=\"" + xml_escape("ovta-station " + plan.name) +
-           "\" tests=\"" + std::to_string(tests) + "\" failures=\"" + std::to_string(failures) + "\" errors=\"0\" skipped=\"" +
-           std::to_string(skipped) + "\" time=\"" + seconds_text(total) + "\">\n" + suites + "</testsuites>\n";
+    std::string text = "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<testsuites name=\"" +
+                       xml_escape("ovta-station " + plan.name) + "\" tests=\"" + std::to_string(tests) +
+                       "\" failures=\"" + std::to_string(failures) + "\" errors=\"0\" skipped=\"" +
+                       std::to_string(skipped) + "\" time=\"" + seconds_text(total) + "\">\n";
+    text.reserve(text.size() + size + 16);
+    for (const JunitSuite& s : suites) text += s.xml;
+    return text + "</testsuites>\n";
+}
+
+std::string junit_xml(const Plan& plan, const std::vector<SlotRecord>& records) {
+    std::vector<JunitSuite> suites;
+    for (const SlotRecord& r : records) suites.push_back(junit_suite(r));
+    return junit_document(plan, suites);
 }
 
 bool write_whole(const std::string& path, const std::string& text, std::string* error) {
@@ -127,7 +166,18 @@ bool write_whole(const std::string& path, const std::string& text, std::string* 
         *error = "cannot write " + path;
         return false;
     }
-    return file->commit(error);
+    if (!file->commit(error)) return false;
+    // The rename itself is on the disk only once the folder is.
+    const size_t slash = path.rfind('/');
+    const std::string dir = slash == std::string::npos ? "." : slash == 0 ? "/" : path.substr(0, slash);
+    const int fd = open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (fd < 0 || fsync(fd) != 0) {
+        *error = "cannot sync " + dir + ": " + strerror(errno);
+        if (fd >= 0) close(fd);
+        return false;
+    }
+    close(fd);
+    return true;
 }
 
 }  // namespace station

@@ -28,15 +28,25 @@ struct StepRecord {
 
 struct SlotRecord {
     size_t slot = 1;
+    size_t phone = 0;  // the phone's number on its slot in a loop, from 1; 0 for a single run
     std::string device;
     std::string board;
+    nlohmann::json board_read = nullptr;  // the board number read from the phone, when the station asked
     std::string started;  // UTC, ISO 8601
     double seconds = 0;
     std::vector<StepRecord> steps;
-    bool passed = false;
+    bool passed = false;      // the phone passed and holds pass (when the plan writes the verdict)
+    bool unknown = false;     // the verdict write went unanswered: neither pass nor fail
     bool stopped = false;     // Ctrl-C ended it
     std::string failed_step;  // name of the first failed step
     std::string reason;       // its reason, or why the slot did not start
+    // What the phone holds at the station's line after the verdict: whether
+    // it was written, the result read back, or why nothing was written.
+    // Null when the plan writes no verdict.
+    nlohmann::json stored = nullptr;
 };
+
+// "pass", "fail", "unknown" or "stopped".
+const char* slot_verdict_name(const SlotRecord& record);
 
 }  // namespace station

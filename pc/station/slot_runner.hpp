@@ -5,8 +5,10 @@
 //
 // A step that fails ends the slot's plan: the steps behind it are recorded as
 // not run. The verdict (command 91, when the plan asks for it) is still
-// written when the phone answered the failed step; a phone that stopped
-// answering, or whose line failed, gets none.
+// written when the phone answered the failed step, even wrongly; a phone that
+// stopped answering, or whose line failed, gets none, and its record says
+// that nothing was written. After the write the result is read back (command
+// 89) and the record keeps what the phone holds (pc/station/verdict.hpp).
 #pragma once
 
 #include <string>
@@ -20,15 +22,20 @@ namespace station {
 struct SlotSetup {
     size_t slot = 1;
     std::string device;
-    std::string board;  // from the plan's list; empty without one
+    std::string board;  // from the command line or the plan's list; empty without one
     std::string today;  // YYYY-MM-DD
     int stop_fd = -1;
+    // The line, already open (a slot on its own cycle opens it to see the
+    // phone come); -1: the slot opens `device` itself. Stays the caller's.
+    int line_fd = -1;
+    size_t phone = 0;         // the phone's number on the slot in a loop
+    bool read_board = false;  // no board number given: read it from the phone (command 85) for the record
 };
 
-// The verdict's test result: 1 passed, 0 failed.
-constexpr uint32_t kVerdictPass = 1;
-constexpr uint32_t kVerdictFail = 0;
-
 SlotRecord run_slot(const Plan& plan, const SlotSetup& setup, StatusBoard& board);
+
+// "slot 2 /dev/ttyACM1", or "slot 2 phone 14 /dev/ttyACM1" in a loop: how
+// the plain lines name a slot.
+std::string slot_name(const SlotSetup& setup);
 
 }  // namespace station

@@ -27,6 +27,14 @@ struct SlotStatus {
     std::string verdict;  // "pass", "FAIL", "stopped" once finished
     std::chrono::steady_clock::time_point started{};
     std::chrono::steady_clock::time_point ended{};
+    // A slot on its own cycle (--loop), over all its phones:
+    bool waiting = false;  // for a phone to come; `finished` holds the last phone's end
+    bool closed = false;   // the cycle has ended (Ctrl-C, or no board numbers left)
+    size_t phones = 0;     // phones done since the start
+    size_t phones_passed = 0;
+    std::string last_board;
+    std::string last_verdict;
+    std::string note;  // why the slot waits or ended
 };
 
 // A finished step, as the plain-line view shows it.

@@ -28,4 +28,11 @@ std::string utc_time_stamp() {
     return text;
 }
 
+std::string utc_folder_stamp() {
+    char text[32];
+    const tm parts = utc_now();
+    strftime(text, sizeof(text), "%Y%m%dT%H%M%SZ", &parts);
+    return text;
+}
+
 }  // namespace station

@@ -10,5 +10,7 @@ namespace station {
 std::string utc_date();
 // Now, "YYYY-MM-DDTHH:MM:SSZ": a record's time stamps.
 std::string utc_time_stamp();
+// Now, "YYYYMMDDTHHMMSSZ": the name of a run's records folder, which sorts by time.
+std::string utc_folder_stamp();
 
 }  // namespace station

@@ -6,6 +6,7 @@
 // back field by field, and the JUnit file through Python's XML parser.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <csignal>
 #include <cstdlib>
 #include <filesystem>
@@ -16,6 +17,7 @@
 #include <thread>
 
 #include "phone_test.hpp"
+#include "station_programs.hpp"
 
 namespace e2e {
 namespace {
@@ -98,59 +100,6 @@ body = "01 02 03 04"
 expect = { bytes = "01 02 03 04" }
 )";
 
-struct ProgramRun {
-    int status = -1;
-    std::string out;
-};
-
-// Starts a program on the host with its output in a file.
-pid_t start_program(const std::vector<std::string>& args, const std::string& out_path) {
-    pid_t pid = fork();
-    if (pid == 0) {
-        FILE* out = fopen(out_path.c_str(), "w");
-        if (out == nullptr) _exit(127);
-        dup2(fileno(out), STDOUT_FILENO);
-        dup2(fileno(out), STDERR_FILENO);
-        sigset_t none;
-        sigemptyset(&none);
-        sigprocmask(SIG_SETMASK, &none, nullptr);
-        std::vector<char*> argv;
-        for (const std::string& a : args) argv.push_back(const_cast<char*>(a.c_str()));
-        argv.push_back(nullptr);
-        execv(argv[0], argv.data());
-        _exit(127);
-    }
-    return pid;
-}
-
-// Waits for its end and collects what it printed.
-ProgramRun finish_program(pid_t pid, const std::string& out_path) {
-    ProgramRun run;
-    int status = 0;
-    if (pid > 0 && waitpid(pid, &status, 0) == pid && WIFEXITED(status)) run.status = WEXITSTATUS(status);
-    std::ifstream in(out_path);
-    std::stringstream text;
-    text << in.rdbuf();
-    run.out = text.str();
-    return run;
-}
-
-std::string file_text(const std::string& path) {
-    std::ifstream in(path);
-    std::stringstream text;
-    text << in.rdbuf();
-    return text.str();
-}
-
-ProgramRun run_program(const std::vector<std::string>& args, const std::string& out_path) {
-    return finish_program(start_program(args, out_path), out_path);
-}
-
-nlohmann::json read_json(const std::string& path) {
-    std::ifstream in(path);
-    return nlohmann::json::parse(in, nullptr, false);
-}
-
 class Station : public PhoneTest {
 protected:
     void SetUp() override {
@@ -209,6 +158,13 @@ protected:
         return run_program(station_args(plan), dir_ + "/station.out");
     }
 
+    // The folder of the run, the one under records/.
+    std::string run_dir() {
+        const std::vector<std::string> runs = run_folders(dir_ + "/records");
+        EXPECT_EQ(runs.size(), 1u);
+        return runs.empty() ? dir_ + "/records/none" : runs.front();
+    }
+
     std::string dir_;
     std::vector<std::unique_ptr<sandbox::FixturePhone>> phones_;
 };
@@ -228,12 +184,14 @@ TEST_F(Station, FourPhonesRunOnePlanAndTheOneWhoseAgentDiesFailsAlone) {
     ProgramRun run = station();
     EXPECT_EQ(run.status, 1) << run.out;
     EXPECT_NE(run.out.find("3 of 4 phones passed"), std::string::npos) << run.out;
-    EXPECT_NE(run.out.find("slot 3 " + phones_[2]->device() + ": failed at \"card\": nothing came within 3000 ms"),
+    EXPECT_NE(run.out.find("slot 3 " + phones_[2]->device() + " SN-0003: failed at \"card\": nothing came within 3000 ms"),
               std::string::npos)
         << run.out;
 
     // A passed phone, field by field.
-    nlohmann::json one = read_json(dir_ + "/records/slot-1.json");
+    const std::string folder = run_dir();
+    EXPECT_EQ(fs::path(folder).filename().string().substr(15), "Z-plan") << folder;
+    nlohmann::json one = read_json(folder + "/slot-1.json");
     ASSERT_FALSE(one.is_discarded());
     EXPECT_EQ(one["slot"], 1);
     EXPECT_EQ(one["device"], phones_[0]->device());
@@ -281,7 +239,7 @@ TEST_F(Station, FourPhonesRunOnePlanAndTheOneWhoseAgentDiesFailsAlone) {
 
     // The phone whose agent died: failed at the card, the steps behind it not
     // run, no verdict written.
-    nlohmann::json three = read_json(dir_ + "/records/slot-3.json");
+    nlohmann::json three = read_json(folder + "/slot-3.json");
     EXPECT_EQ(three["verdict"], "fail");
     EXPECT_EQ(three["board"], "SN-0003");
     EXPECT_EQ(three["failed_step"], "card");
@@ -293,6 +251,7 @@ TEST_F(Station, FourPhonesRunOnePlanAndTheOneWhoseAgentDiesFailsAlone) {
     EXPECT_EQ(three["steps"][10]["verdict"], "not-run");
     EXPECT_EQ(three["steps"][10]["reason"], "step \"card\" failed");
     EXPECT_FALSE(phones_[2]->phone().exists("/amt/test_result.txt"));
+    EXPECT_EQ(three["stored"]["written"], false);
 
     // The JUnit file through a real XML parser: per suite its counts, then
     // each case that did not pass.
@@ -307,7 +266,7 @@ TEST_F(Station, FourPhonesRunOnePlanAndTheOneWhoseAgentDiesFailsAlone) {
         "        for f in c:\n"
         "            print(' ', c.get('classname'), c.get('name'), f.tag, f.get('message'))\n";
     std::ofstream(dir_ + "/junit.py") << script;
-    ProgramRun xml = run_program({"/usr/bin/python3", dir_ + "/junit.py", dir_ + "/records/junit.xml"}, dir_ + "/xml.out");
+    ProgramRun xml = run_program({"/usr/bin/python3", dir_ + "/junit.py", folder + "/junit.xml"}, dir_ + "/xml.out");
     EXPECT_EQ(xml.status, 0) << xml.out;
     EXPECT_EQ(xml.out,
               "testsuites 47 1 1\n"
@@ -329,7 +288,7 @@ TEST_F(Station, InterruptStopsTheWaitingSlotAndTheRecordsAreStillWritten) {
     ProgramRun refused = station("bad.toml");
     EXPECT_EQ(refused.status, 2);
     EXPECT_EQ(refused.out, "ovta-station: plan refused: " + dir_ + "/bad.toml:4: min 0 is above max -1\n");
-    EXPECT_FALSE(fs::exists(dir_ + "/records"));
+    EXPECT_TRUE(run_folders(dir_ + "/records").empty());
 
     std::ofstream(dir_ + "/wait.toml") << "[[step]]\ncommand = \"version\"\n"
                                           "[[step]]\ncommand = \"card\"\ntimeout_ms = 120000\n"
@@ -347,16 +306,57 @@ TEST_F(Station, InterruptStopsTheWaitingSlotAndTheRecordsAreStillWritten) {
     ProgramRun run = finish_program(pid, dir_ + "/station.out");
     EXPECT_EQ(run.status, 1) << run.out;
     EXPECT_NE(run.out.find("1 of 2 phones passed (stopped)"), std::string::npos) << run.out;
-    nlohmann::json one = read_json(dir_ + "/records/slot-1.json");
+    nlohmann::json one = read_json(run_dir() + "/slot-1.json");
     EXPECT_EQ(one["verdict"], "pass");
-    nlohmann::json two = read_json(dir_ + "/records/slot-2.json");
+    nlohmann::json two = read_json(run_dir() + "/slot-2.json");
     EXPECT_EQ(two["verdict"], "stopped");
     ASSERT_EQ(two["steps"].size(), 3u);
     EXPECT_EQ(two["steps"][0]["verdict"], "pass");
     EXPECT_EQ(two["steps"][1]["verdict"], "stopped");
     EXPECT_EQ(two["steps"][1]["answer"]["outcome"], "stopped");
     EXPECT_EQ(two["steps"][2]["verdict"], "not-run");
-    EXPECT_TRUE(fs::exists(dir_ + "/records/junit.xml"));
+    EXPECT_TRUE(fs::exists(run_dir() + "/junit.xml"));
+}
+
+// Fresh test result stores and a plan time far below the store's two-second
+// creation wait: the verdict waits it out, every record says pass and every
+// phone holds pass. No board number is given and the plan sets none: the
+// record has the phone's own. A second run writes a folder of its own and
+// leaves the first one's files as they were.
+TEST_F(Station, FreshStoresWithAShortPlanTimeHoldTheVerdictTheRecordsSay) {
+    ASSERT_NO_FATAL_FAILURE(start_phones(2));
+    for (size_t i = 0; i < 2; ++i) {
+        ASSERT_TRUE(phones_[i]->phone().write_file("/amt/board_no.txt", "SN-77" + std::to_string(i + 1)));
+        ASSERT_FALSE(phones_[i]->phone().exists("/amt/test_result.txt"));
+    }
+    std::ofstream(dir_ + "/short.toml") << "station = 12\nverdict = true\ntimeout_ms = 500\n"
+                                           "[[step]]\ncommand = \"version\"\n[[step]]\ncommand = \"card\"\n";
+    ProgramRun first = station("short.toml");
+    EXPECT_EQ(first.status, 0) << first.out;
+    EXPECT_NE(first.out.find("2 of 2 phones passed"), std::string::npos) << first.out;
+    const std::string run = run_dir();
+    for (size_t i = 0; i < 2; ++i) {
+        const nlohmann::json r = read_json(run + "/slot-" + std::to_string(i + 1) + ".json");
+        EXPECT_EQ(r["verdict"], "pass") << r.dump(2);
+        EXPECT_EQ(r["board"], "SN-77" + std::to_string(i + 1));
+        EXPECT_EQ(r["stored"]["written"], true);
+        EXPECT_EQ(r["stored"]["result"], 1);
+        EXPECT_EQ(r["stored"]["description"], "pass");
+        const std::string held = phones_[i]->phone().read_file("/amt/test_result.txt").value_or("");
+        EXPECT_NE(held.find("\r\n12,1,pass\r\n"), std::string::npos) << "phone " << i + 1;
+    }
+    const std::string first_record = file_text(run + "/slot-1.json");
+    const std::string first_junit = file_text(run + "/junit.xml");
+
+    std::this_thread::sleep_for(1100ms);  // a run folder is named by its second
+    ProgramRun second = station("short.toml");
+    EXPECT_EQ(second.status, 0) << second.out;
+    const std::vector<std::string> runs = run_folders(dir_ + "/records");
+    ASSERT_EQ(runs.size(), 2u);
+    EXPECT_EQ(runs[0], run);
+    EXPECT_EQ(file_text(run + "/slot-1.json"), first_record);
+    EXPECT_EQ(file_text(run + "/junit.xml"), first_junit);
+    EXPECT_TRUE(fs::exists(runs[1] + "/slot-2.json"));
 }
 
 }  // namespace

@@ -12,6 +12,7 @@
 #include "log_capture.hpp"
 #include "process/config.hpp"
 #include "services/amt_text_file.hpp"
+#include "services/file_replace.hpp"
 #include "services/test_result_store.hpp"
 
 namespace {
@@ -95,6 +96,33 @@ TEST_F(AmtTextFile, FailedWritesNameTheirOwnFileAndLeaveItWhole) {
     EXPECT_EQ(get("board_no.txt"), "OLD");
     EXPECT_EQ(get("product_date.txt"), "20200101");
     EXPECT_EQ(log.count(".tmp"), 0u);
+}
+
+// The last step, the rename over the file, fails when the file is a
+// directory; its log line still names the file, not the temporary one, and
+// the temporary file is gone.
+TEST_F(AmtTextFile, FailedRenameNamesTheFileThePhoneKnows) {
+    LogCapture log;
+    for (const char* name : {"board_no.txt", "product_date.txt"}) {
+        ASSERT_EQ(mkdir(path(name).c_str(), 0755), 0);
+        EXPECT_EQ(write_amt_text_file("NEW", 100, name), -118) << name;
+        EXPECT_TRUE(log.contains("write_amt_text_file replace file(" + path(name) + ") failure. error:21-Is a directory."))
+            << log.text();
+        EXPECT_FALSE(exists(std::string(name) + ".tmp"));
+    }
+    {
+        FileReplacement store("modify_test_result_value", path("test_result.txt").c_str(),
+                              path("test_result_temp001.txt").c_str());
+        ASSERT_EQ(mkdir(path("test_result.txt").c_str(), 0755), 0);
+        ASSERT_TRUE(store.open());
+        EXPECT_FALSE(store.commit());
+    }
+    EXPECT_TRUE(log.contains("modify_test_result_value replace file(" + path("test_result.txt") +
+                             ") failure. error:21-Is a directory."))
+        << log.text();
+    EXPECT_FALSE(exists("test_result_temp001.txt"));
+    EXPECT_EQ(log.count(".tmp"), 0u);
+    EXPECT_EQ(log.count("temp001"), 0u);
 }
 
 TEST_F(AmtTextFile, FailedStoreWritesNameTestResultTxt) {

@@ -62,4 +62,34 @@ TEST(PcAnswers, AnswersOfTheWrongSizeAreMalformed) {
     EXPECT_EQ(echo.text, "production date written: malformed answer, a body of 11 bytes where 4 belong");
 }
 
+// Each answer's size range from both ends: the shortest and the longest
+// are the agent's (result 0, zero bytes behind it), one byte less or more is
+// malformed.
+TEST(PcAnswers, AnswerSizesAreTakenAtBothEndsOfTheirRangeAndMalformedOnePast) {
+    struct Range {
+        const char* what;
+        Verdict (*read)(const Bytes&);
+        size_t least;
+        size_t most;
+    };
+    const Range ranges[] = {
+        {"version", [](const Bytes& b) { return tools::version_answer(b).verdict; }, 8, 72},
+        {"board", [](const Bytes& b) { return tools::read_board_answer(b).verdict; }, 4, 24},
+        {"result", [](const Bytes& b) { return tools::read_result_answer(b, 3).verdict; }, 8, 135},
+        {"date", [](const Bytes& b) { return tools::read_date_answer(b).verdict; }, 16, 16},
+        {"card", [](const Bytes& b) { return tools::card_answer(b).verdict; }, 8, 8},
+        {"rf read of 4", [](const Bytes& b) { return tools::read_table_answer(b, 4).verdict; }, 8, 8},
+    };
+    for (const Range& r : ranges) {
+        EXPECT_EQ(r.read(Bytes(r.least, 0)), Verdict::kAccepted) << r.what << " of " << r.least;
+        EXPECT_EQ(r.read(Bytes(r.most, 0)), Verdict::kAccepted) << r.what << " of " << r.most;
+        EXPECT_EQ(r.read(Bytes(r.least - 1, 0)), Verdict::kMalformed) << r.what << " of " << r.least - 1;
+        EXPECT_EQ(r.read(Bytes(r.most + 1, 0)), Verdict::kMalformed) << r.what << " of " << r.most + 1;
+    }
+    // A refused read hands on what was there, up to the whole range.
+    auto partial = tools::read_table_answer(hex("0A 00 00 00 01 02 03 04"), 4);
+    EXPECT_EQ(partial.verdict, Verdict::kRefused);
+    EXPECT_EQ(partial.data, hex("01 02 03 04"));
+}
+
 }  // namespace

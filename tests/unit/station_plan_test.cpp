@@ -56,8 +56,8 @@ TEST_F(StationPlan, EveryRefusalNamesFileLineAndReason) {
          "plan.toml:4: the answer to version has nothing for golden"},
         {head + "[[step]]\ncommand = \"rf read\"\ntable = 1\noffset = 0\nlen = 4\nexpect = { written = true }\n",
          "plan.toml:7: written = true, but no earlier rf write of the plan wrote table 1 at 0, 4 bytes"},
-        {head + "[[step]]\ncommand = \"board set\"\nvalue = \"{board}\"\n",
-         "plan.toml:4: {board} needs the list of board numbers (boards = [...])"},
+        {head + "verdict_timeout_ms = 0\n[[step]]\ncommand = \"card\"\n",
+         "plan.toml:2: verdict_timeout_ms is 0, outside 1 to 86400000"},
         {head + "[[step]]\ncommand = \"date set\"\nvalue = \"{yesterday}\"\n",
          "plan.toml:4: unknown placeholder {yesterday} (there are {board}, {slot} and {today})"},
         {head + "[[step]]\ncommand = \"rf read\"\ntable = -1\noffset = 0\nlen = 4\n",
@@ -138,6 +138,23 @@ expect = { min = 0, max = 0, bytes = "00 00 00 00" }
     EXPECT_EQ(std::string(read.expect.golden.begin(), read.expect.golden.end()), "ABCDEFGH");
     EXPECT_EQ(plan->steps[2].data, (std::vector<uint8_t>{1, 2}));
     EXPECT_EQ(plan->steps[2].number, 100u);
+    EXPECT_FALSE(plan->uses_board);
+    EXPECT_FALSE(plan->sets_board);
+    // The verdict waits out the store's creation (2 s) beside the plan's time.
+    EXPECT_EQ(plan->verdict_timeout_ms, 5000u);
+
+    // {board} without a list: the command line may give the numbers.
+    auto boards = station::parse_plan_text("station = 7\nverdict = true\ntimeout_ms = 4000\n[[step]]\n"
+                                           "command = \"board set\"\nvalue = \"{board}\"\n",
+                                           dir_ + "/plan.toml", &error);
+    ASSERT_TRUE(boards) << error;
+    EXPECT_TRUE(boards->uses_board);
+    EXPECT_TRUE(boards->sets_board);
+    EXPECT_EQ(boards->verdict_timeout_ms, 6000u);
+    auto longer = station::parse_plan_text("verdict_timeout_ms = 9000\n[[step]]\ncommand = \"card\"\n",
+                                           dir_ + "/plan.toml", &error);
+    ASSERT_TRUE(longer) << error;
+    EXPECT_EQ(longer->verdict_timeout_ms, 9000u);
 
     EXPECT_EQ(station::expand("{board}/{slot}/{today}/{x}", "SN-2", 2, "2026-11-24"), "SN-2/2/2026-11-24/{x}");
 }

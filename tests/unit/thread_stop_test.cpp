@@ -1,6 +1,7 @@
 // A stop request must end every kind of blocking wait at once, without help
 // from the code the thread runs, and leave the thread joinable.
 #include <atomic>
+#include <chrono>
 #include <cerrno>
 #include <cstdint>
 #include <functional>
@@ -75,6 +76,39 @@ TEST(ThreadStop, StopStaysSetSoTheWayOutCannotBlockAgain) {
               }),
               0);
     EXPECT_TRUE(log.contains("will be end"));
+}
+
+// An unstopped sleep lasts at least its milliseconds, the part below a
+// second included, in a stoppable thread (which waits on its stop event) and
+// in one without a stop event (the main thread).
+using Clock = std::chrono::steady_clock;
+
+std::chrono::milliseconds slept_for(uint32_t msec) {
+    const Clock::time_point start = Clock::now();
+    EXPECT_TRUE(pub_util_msleep(msec));
+    return std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - start);
+}
+
+TEST(ThreadStop, UnstoppedSleepLastsItsMilliseconds) {
+    EXPECT_GE(slept_for(250).count(), 250);
+    struct Slept {
+        std::chrono::milliseconds short_one{0};
+        std::chrono::milliseconds long_one{0};
+    } slept;
+    pthread_t tid{};
+    ASSERT_EQ(pub_util_create_thread(
+                  &tid,
+                  [](void* arg) -> void* {
+                      auto* s = static_cast<Slept*>(arg);
+                      s->short_one = slept_for(250);
+                      s->long_one = slept_for(1050);
+                      return nullptr;
+                  },
+                  &slept, false),
+              0);
+    ASSERT_EQ(pthread_join(tid, nullptr), 0);
+    EXPECT_GE(slept.short_one.count(), 250);
+    EXPECT_GE(slept.long_one.count(), 1050);
 }
 
 TEST(ThreadStop, NoThreadAndEndedThreadGiveZeroAndKeepTheHandle) {

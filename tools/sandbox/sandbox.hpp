@@ -9,6 +9,7 @@
 //   send_kernel_uevent()      a USB uevent as the kernel sends it, and
 //   send_user_uevent()        one sent by a process, which must not count
 //   FixturePhone              a phone of a station's fixture, in a network of its own
+//   FixtureSlot               a slot of the fixture: phones taken off and put on
 //
 // The phone also carries a test charger library (built by CMake as
 // amt_test_charger) that records its calls.
@@ -20,5 +21,6 @@
 #include "sandbox_netns.hpp"
 #include "sandbox_pc_line.hpp"
 #include "sandbox_phone.hpp"
+#include "sandbox_slot.hpp"
 #include "sandbox_uevent.hpp"
 #include "sandbox_wfmgr_peer.hpp"

@@ -2,6 +2,7 @@
 
 #include <csignal>
 #include <fcntl.h>
+#include <cstdio>
 #include <cstring>
 #include <poll.h>
 #include <pty.h>
@@ -20,6 +21,13 @@ using namespace std::chrono_literals;
 const Bytes kHandshakeOffer = {0xAA, 0xBB, 0xCC, 0xDD, 0x7F};
 constexpr uint8_t kFrameHead[4] = {0xAA, 0xBB, 0xCC, 0xDD};
 constexpr size_t kCmdOffset = 12;
+
+void write_text(const std::string& path, const std::string& text) {
+    FILE* f = fopen(path.c_str(), "w");
+    if (f == nullptr) return;
+    fwrite(text.data(), 1, text.size(), f);
+    fclose(f);
+}
 
 }  // namespace
 
@@ -45,6 +53,8 @@ std::unique_ptr<FixturePhone> FixturePhone::start(const FixtureSetup& setup, std
     }
     f->device_ = name;
     f->relay_stop_.reset(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+    if (setup.pull_on_command) f->pull_on_cmd_ = static_cast<int64_t>(*setup.pull_on_command);
+    f->pulled_event_ = setup.pulled_event;
     FixturePhone* p = f.get();
     f->keeper_ = std::thread([p, setup] { p->keep(setup); });
     std::unique_lock<std::mutex> lock(f->mu_);
@@ -59,12 +69,18 @@ std::unique_ptr<FixturePhone> FixturePhone::start(const FixtureSetup& setup, std
     return f;
 }
 
-FixturePhone::~FixturePhone() {
+void FixturePhone::hang_up() {
     if (relay_.joinable()) {
         const uint64_t one = 1;
         (void)!write(relay_stop_.get(), &one, sizeof(one));
         relay_.join();
     }
+    relay_master_.reset();
+    relay_slave_.reset();
+}
+
+FixturePhone::~FixturePhone() {
+    hang_up();
     {
         std::lock_guard<std::mutex> lock(mu_);
         stop_ = true;
@@ -95,6 +111,7 @@ bool FixturePhone::bring_up(const FixtureSetup& setup, std::string* why) {
         *why = "the agent did not start";
         return false;
     }
+    if (setup.station_handshake) return true;
     // The PC's part of the handshake, so that the agent serves from now on
     // and the station sees frames only.
     const int line = phone_->pc_master();
@@ -135,25 +152,32 @@ void FixturePhone::keep(const FixtureSetup& setup) {
         if (wfmgr_->running()) wfmgr_->signal(SIGTERM);
         wfmgr_->wait_exit(15s);
     }
+    if (setup.keep_logs && phone_) {
+        for (const auto& [name, daemon] : {std::pair{"/agent.log", agent_.get()}, std::pair{"/wfmgr.log", wfmgr_.get()}}) {
+            if (daemon == nullptr) continue;
+            std::string text;
+            for (const std::string& line : daemon->log_lines()) text += line + "\n";
+            write_text(phone_->root() + name, text);
+        }
+    }
     // The programs die with this thread; they are gone before it ends.
     agent_.reset();
     wfmgr_.reset();
 }
 
-bool FixturePhone::carries_kill_command(const uint8_t* data, size_t n) {
-    const int64_t cmd = kill_on_cmd_.load();
-    if (cmd < 0) return false;
+void FixturePhone::look_for_commands(const uint8_t* data, size_t n, bool* kill, bool* pull) {
+    const int64_t kill_cmd = kill_on_cmd_.load();
+    if (kill_cmd < 0 && pull_on_cmd_ < 0) return;
     pc_tail_.insert(pc_tail_.end(), data, data + n);
-    bool found = false;
     for (size_t at = 0; at + kCmdOffset + 4 <= pc_tail_.size(); ++at) {
         if (memcmp(pc_tail_.data() + at, kFrameHead, sizeof(kFrameHead)) != 0) continue;
         const uint8_t* c = pc_tail_.data() + at + kCmdOffset;
-        const uint32_t got = c[0] | c[1] << 8 | c[2] << 16 | static_cast<uint32_t>(c[3]) << 24;
-        found = found || got == static_cast<uint32_t>(cmd);
+        const int64_t got = c[0] | c[1] << 8 | c[2] << 16 | static_cast<int64_t>(c[3]) << 24;
+        *kill = *kill || got == kill_cmd;
+        *pull = *pull || got == pull_on_cmd_;
     }
     // A head cut by this read is found with the next one.
     if (pc_tail_.size() > kCmdOffset + 3) pc_tail_.erase(pc_tail_.begin(), pc_tail_.end() - (kCmdOffset + 3));
-    return found;
 }
 
 void FixturePhone::relay() {
@@ -175,7 +199,19 @@ void FixturePhone::relay() {
         if (p[1].revents & POLLIN) {
             const ssize_t n = read(station_line, buf, sizeof(buf));
             if (n <= 0) continue;
-            if (!killed && carries_kill_command(buf, static_cast<size_t>(n))) {
+            bool kill = false;
+            bool pull = false;
+            look_for_commands(buf, static_cast<size_t>(n), &kill, &pull);
+            if (pull) {
+                // The cable goes: nothing more reaches the phone, and the
+                // station's end hangs up now.
+                relay_master_.reset();
+                pulled_.store(true);
+                const uint64_t one = 1;
+                if (pulled_event_ >= 0) (void)!write(pulled_event_, &one, sizeof(one));
+                return;
+            }
+            if (!killed && kill) {
                 agent_->signal(SIGKILL);
                 killed = true;
             }

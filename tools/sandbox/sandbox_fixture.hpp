@@ -8,7 +8,8 @@
 // namespaces belong to threads), starts wfmgr-sim and the agent from there
 // (both die with that thread) and lives until the phone is stopped, then
 // stops them the ordinary way. A relay thread copies bytes both ways between
-// the phone's line and the station's pseudo-terminal; an eventfd ends it.
+// the phone's line and the station's pseudo-terminal; an eventfd ends it,
+// and on the pull command it hangs up the line itself and ends.
 // The state the test reads (device, phone, daemons) is set before start()
 // returns and not changed until the destructor.
 #pragma once
@@ -18,6 +19,7 @@
 #include <cstdint>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <thread>
 #include <utility>
@@ -37,6 +39,20 @@ struct FixtureSetup {
     std::string wfmgr_sim;   // path of wfmgr-sim
     std::vector<std::string> wfmgr_args;
     DaemonOptions agent_options;
+    // The station answers the agent's handshake offers itself: the relay
+    // starts as soon as the agent has started, and the offers reach the
+    // station's line. Otherwise the fixture answers and the line carries
+    // frames only.
+    bool station_handshake = false;
+    // When the station sends a frame with this command, the relay hangs up
+    // the station's line at once (the frame never reaches the phone), as a
+    // phone pulled out in the middle of a plan, and adds 1 to the eventfd
+    // `pulled_event` when there is one.
+    std::optional<uint32_t> pull_on_command;
+    int pulled_event = -1;
+    // The agent's and wfmgr-sim's logs are written into the phone's tree,
+    // agent.log and wfmgr.log, once they have ended.
+    bool keep_logs = false;
 };
 
 class FixturePhone {
@@ -45,7 +61,8 @@ public:
     // it did not come up (wfmgr-sim listening, the agent started, the
     // handshake answered) within 30 seconds.
     static std::unique_ptr<FixturePhone> start(const FixtureSetup& setup, std::string* why);
-    // Stops the agent and wfmgr-sim (SIGTERM) and removes the phone.
+    // Hangs up the line, stops the agent and wfmgr-sim (SIGTERM) and removes
+    // the phone (its tree stays when the setup named it).
     ~FixturePhone();
     FixturePhone(const FixturePhone&) = delete;
     FixturePhone& operator=(const FixturePhone&) = delete;
@@ -63,14 +80,23 @@ public:
     // The agent's exit code once it has ended (128 + 9 after the kill).
     std::optional<int> agent_exit() const { return agent_exit_; }
 
+    // Hangs up the station's line as an unplugged cable does: the relay stops
+    // and the pseudo-terminal's master closes, so that every opener of
+    // device() sees the hang-up and the device node goes. The phone's
+    // programs still run. Once only; any thread but the relay.
+    void hang_up();
+    // Whether the relay hung up the line on the pull command.
+    bool pulled() const { return pulled_.load(); }
+
 private:
     FixturePhone() = default;
     void keep(const FixtureSetup& setup);
     bool bring_up(const FixtureSetup& setup, std::string* why);
     void relay();
     // Whether the station's bytes hold the head of a frame with the command
-    // to kill on; keeps the tail of the stream between reads.
-    bool carries_kill_command(const uint8_t* data, size_t n);
+    // to kill on, or the one to pull on; keeps the tail of the stream
+    // between reads.
+    void look_for_commands(const uint8_t* data, size_t n, bool* kill, bool* pull);
 
     std::unique_ptr<Phone> phone_;
     std::unique_ptr<Daemon> wfmgr_;
@@ -80,6 +106,9 @@ private:
     UniqueFd relay_slave_;  // kept open: no hang-up while no station has the line
     UniqueFd relay_stop_;
     std::atomic<int64_t> kill_on_cmd_{-1};
+    int64_t pull_on_cmd_ = -1;  // set before the relay starts
+    int pulled_event_ = -1;
+    std::atomic<bool> pulled_{false};
     std::vector<uint8_t> pc_tail_;  // relay thread only
     std::optional<int> agent_exit_;  // set by the keeper after the relay ended
 

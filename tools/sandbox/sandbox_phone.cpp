@@ -76,13 +76,24 @@ std::unique_ptr<Phone> Phone::create(const PhoneSetup& setup, std::string* why) 
     if (why == nullptr) why = &scratch;
     std::unique_ptr<Phone> phone(new Phone());
 
-    const char* tmp = getenv("TMPDIR");
-    std::string pattern = std::string(tmp && *tmp ? tmp : "/tmp") + "/ovta-phone-XXXXXX";
-    if (mkdtemp(pattern.data()) == nullptr) {
-        *why = std::string("mkdtemp: ") + strerror(errno);
-        return nullptr;
+    if (!setup.root.empty()) {
+        std::error_code made;
+        fs::create_directories(fs::path(setup.root).parent_path(), made);
+        if (mkdir(setup.root.c_str(), 0755) != 0) {
+            *why = "mkdir " + setup.root + ": " + strerror(errno);
+            return nullptr;
+        }
+        phone->root_ = setup.root;
+        phone->keep_root_ = true;
+    } else {
+        const char* tmp = getenv("TMPDIR");
+        std::string pattern = std::string(tmp && *tmp ? tmp : "/tmp") + "/ovta-phone-XXXXXX";
+        if (mkdtemp(pattern.data()) == nullptr) {
+            *why = std::string("mkdtemp: ") + strerror(errno);
+            return nullptr;
+        }
+        phone->root_ = pattern;
     }
-    phone->root_ = pattern;
     phone->sdcard_bytes_ = setup.sdcard_bytes;
     phone->host_dirs_ = setup.host_dirs;
     phone->env_ = setup.env;
@@ -149,7 +160,7 @@ std::unique_ptr<Phone> Phone::create(const PhoneSetup& setup, std::string* why) 
 Phone::~Phone() {
     if (master_fd_ >= 0) close(master_fd_);
     if (slave_fd_ >= 0) close(slave_fd_);
-    if (!root_.empty() && getenv("OVTA_E2E_KEEP_PHONE") == nullptr) {
+    if (!root_.empty() && !keep_root_ && getenv("OVTA_E2E_KEEP_PHONE") == nullptr) {
         std::error_code ec;
         fs::remove_all(root_, ec);
     }

@@ -59,6 +59,11 @@ struct PhoneSetup {
     // Environment variables set for every program run in the phone, e.g.
     // LD_PRELOAD of a stand-in library from the build tree.
     std::vector<std::pair<std::string, std::string>> env;
+    // Where the phone's tree goes on the host: a directory that must not
+    // exist yet, created, and kept after the phone (a fixture keeps every
+    // phone it took off). Empty: a fresh temporary directory, removed with
+    // the phone.
+    std::string root;
 };
 
 // The test charger library as built, on the host.
@@ -104,6 +109,7 @@ private:
     Phone() = default;
 
     std::string root_;
+    bool keep_root_ = false;
     std::string slave_path_;
     int master_fd_ = -1;
     int slave_fd_ = -1;  // kept open so the master sees no hang-up between daemons
