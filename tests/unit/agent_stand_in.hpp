@@ -19,7 +19,7 @@
 #include <unistd.h>
 #include <vector>
 
-#include "process/bytes.hpp"
+#include "wire/bytes.hpp"
 #include "process/unique_fd.hpp"
 #include "protocol/pc_frame.hpp"
 
