@@ -250,91 +250,80 @@ bool Store::finish_slot(const std::string& slot_id, const std::string& ended, Ve
     }, error);
 }
 
-bool Store::unsent_runs(size_t limit, std::vector<RunRow>* out, std::string* error) {
-    std::lock_guard lock(mutex_);
+namespace {
+
+// Reads up to `limit` rows of a query whose one parameter is that limit,
+// each through `read`, onto the end of *out.
+template <class Row, class Read>
+bool select_rows(sqlite3* db, const char* sql, size_t limit, std::vector<Row>* out, std::string* error, Read read) {
     Statement q;
-    if (!q.prepare(db_.get(),
-                   "SELECT id, plan, plan_hash, station, host, started FROM runs WHERE sent IS NULL LIMIT ?1", error)) {
-        return false;
-    }
+    if (!q.prepare(db, sql, error)) return false;
     q.bind(1, static_cast<int64_t>(limit));
     int rc;
     while ((rc = q.step()) == SQLITE_ROW) {
-        RunRow r;
-        r.id = q.text(0);
-        r.plan = q.text(1);
-        r.plan_hash = q.text(2);
-        if (!q.is_null(3)) r.station = q.integer(3);
-        r.host = q.text(4);
-        r.started = q.text(5);
-        out->push_back(std::move(r));
+        Row row;
+        read(q, row);
+        out->push_back(std::move(row));
     }
     if (rc == SQLITE_DONE) return true;
-    *error = sqlite3_errmsg(db_.get());
+    *error = sqlite3_errmsg(db);
     return false;
+}
+
+}  // namespace
+
+bool Store::unsent_runs(size_t limit, std::vector<RunRow>* out, std::string* error) {
+    std::lock_guard lock(mutex_);
+    return select_rows(db_.get(), "SELECT id, plan, plan_hash, station, host, started FROM runs WHERE sent IS NULL LIMIT ?1",
+                       limit, out, error, [](Statement& q, RunRow& r) {
+                           r.id = q.text(0);
+                           r.plan = q.text(1);
+                           r.plan_hash = q.text(2);
+                           if (!q.is_null(3)) r.station = q.integer(3);
+                           r.host = q.text(4);
+                           r.started = q.text(5);
+                       });
 }
 
 bool Store::unsent_slots(size_t limit, std::vector<SlotRow>* out, std::string* error) {
     std::lock_guard lock(mutex_);
-    Statement q;
-    if (!q.prepare(db_.get(),
-                   "SELECT id, run_id, fixture_slot, device, board, started, ended, verdict, reason FROM slots "
-                   "WHERE sent IS NULL LIMIT ?1",
-                   error)) {
-        return false;
-    }
-    q.bind(1, static_cast<int64_t>(limit));
-    int rc;
-    while ((rc = q.step()) == SQLITE_ROW) {
-        SlotRow s;
-        s.id = q.text(0);
-        s.run_id = q.text(1);
-        s.fixture_slot = q.integer(2);
-        s.device = q.text(3);
-        s.board = q.text(4);
-        s.started = q.text(5);
-        s.ended = q.text(6);
-        if (!q.is_null(7)) s.verdict = verdict_of(std::string(q.text(7)));
-        s.reason = q.text(8);
-        out->push_back(std::move(s));
-    }
-    if (rc == SQLITE_DONE) return true;
-    *error = sqlite3_errmsg(db_.get());
-    return false;
+    return select_rows(db_.get(),
+                       "SELECT id, run_id, fixture_slot, device, board, started, ended, verdict, reason FROM slots "
+                       "WHERE sent IS NULL LIMIT ?1",
+                       limit, out, error, [](Statement& q, SlotRow& s) {
+                           s.id = q.text(0);
+                           s.run_id = q.text(1);
+                           s.fixture_slot = q.integer(2);
+                           s.device = q.text(3);
+                           s.board = q.text(4);
+                           s.started = q.text(5);
+                           s.ended = q.text(6);
+                           if (!q.is_null(7)) s.verdict = verdict_of(std::string(q.text(7)));
+                           s.reason = q.text(8);
+                       });
 }
 
 bool Store::unsent_steps(size_t limit, std::vector<StepRow>* out, std::string* error) {
     std::lock_guard lock(mutex_);
-    Statement q;
-    if (!q.prepare(db_.get(),
-                   "SELECT slot_id, idx, name, command, request, answer, measured, limits, verdict, reason, duration_ms, "
-                   "number, low, high FROM steps WHERE sent IS NULL LIMIT ?1",
-                   error)) {
-        return false;
-    }
-    q.bind(1, static_cast<int64_t>(limit));
-    int rc;
-    while ((rc = q.step()) == SQLITE_ROW) {
-        StepRow s;
-        s.slot_id = q.text(0);
-        s.index = q.integer(1);
-        s.name = q.text(2);
-        s.command = q.text(3);
-        s.request = q.text(4);
-        s.answer = q.text(5);
-        s.measured = q.text(6);
-        s.limits = q.text(7);
-        s.verdict = q.text(8);
-        s.reason = q.text(9);
-        s.duration_ms = q.real(10);
-        if (!q.is_null(11)) s.number = q.real(11);
-        if (!q.is_null(12)) s.low = q.real(12);
-        if (!q.is_null(13)) s.high = q.real(13);
-        out->push_back(std::move(s));
-    }
-    if (rc == SQLITE_DONE) return true;
-    *error = sqlite3_errmsg(db_.get());
-    return false;
+    return select_rows(db_.get(),
+                       "SELECT slot_id, idx, name, command, request, answer, measured, limits, verdict, reason, "
+                       "duration_ms, number, low, high FROM steps WHERE sent IS NULL LIMIT ?1",
+                       limit, out, error, [](Statement& q, StepRow& s) {
+                           s.slot_id = q.text(0);
+                           s.index = q.integer(1);
+                           s.name = q.text(2);
+                           s.command = q.text(3);
+                           s.request = q.text(4);
+                           s.answer = q.text(5);
+                           s.measured = q.text(6);
+                           s.limits = q.text(7);
+                           s.verdict = q.text(8);
+                           s.reason = q.text(9);
+                           s.duration_ms = q.real(10);
+                           if (!q.is_null(11)) s.number = q.real(11);
+                           if (!q.is_null(12)) s.low = q.real(12);
+                           if (!q.is_null(13)) s.high = q.real(13);
+                       });
 }
 
 bool Store::mark_runs_sent(const std::vector<std::string>& ids, std::string* error) {
