@@ -88,15 +88,6 @@ int main(int argc, char** argv) {
         opt.records, station::run_folder_name(station::utc_folder_stamp(), plan->name), &error);
     if (!folder) return usage_error(error);
     if (opt.junit.empty()) opt.junit = *folder + "/junit.xml";
-#ifdef OVTA_WITH_RESULTS
-    // Every run, phone and step into the results database as it goes.
-    std::unique_ptr<station::ResultsFeed> feed = station::ResultsFeed::open(opt.database, opt.records, *plan, &error);
-    if (!feed) return usage_error("results database: " + error);
-    station::SlotWatcher* const watcher = feed.get();
-#else
-    if (!opt.database.empty()) return usage_error("--database: this ovta-station was built without the results database");
-    station::SlotWatcher* const watcher = nullptr;
-#endif
 
     // Blocked before any thread starts, so that every thread inherits it and
     // only the signalfd sees the two signals.
@@ -111,6 +102,16 @@ int main(int argc, char** argv) {
         fprintf(stderr, "ovta-station: cannot set up the stop: %s\n", strerror(errno));
         return kExitFailed;
     }
+#ifdef OVTA_WITH_RESULTS
+    // Every run, phone and step into the results database as it goes. Its
+    // sender thread starts here, after the signals are blocked.
+    std::unique_ptr<station::ResultsFeed> feed = station::ResultsFeed::open(opt.database, opt.records, *plan, &error);
+    if (!feed) return usage_error("results database: " + error);
+    station::SlotWatcher* const watcher = feed.get();
+#else
+    if (!opt.database.empty()) return usage_error("--database: this ovta-station was built without the results database");
+    station::SlotWatcher* const watcher = nullptr;
+#endif
 
     const size_t steps = plan->steps.size() + (plan->verdict ? 1 : 0);
     const auto start = std::chrono::steady_clock::now();
