@@ -105,11 +105,15 @@ int main(int argc, char** argv) {
 #ifdef OVTA_WITH_RESULTS
     // Every run, phone and step into the results database as it goes. Its
     // sender thread starts here, after the signals are blocked.
-    std::unique_ptr<station::ResultsFeed> feed = station::ResultsFeed::open(opt.database, opt.records, *plan, &error);
-    if (!feed) return usage_error("results database: " + error);
+    // --database off: none (the benchmark's loop without it).
+    std::unique_ptr<station::ResultsFeed> feed;
+    if (opt.database != "off") {
+        feed = station::ResultsFeed::open(opt.database, opt.records, *plan, &error);
+        if (!feed) return usage_error("results database: " + error);
+    }
     station::SlotWatcher* const watcher = feed.get();
 #else
-    if (!opt.database.empty()) return usage_error("--database: this ovta-station was built without the results database");
+    if (!opt.database.empty() && opt.database != "off") return usage_error("--database: this ovta-station was built without the results database");
     station::SlotWatcher* const watcher = nullptr;
 #endif
 
@@ -202,7 +206,7 @@ int main(int argc, char** argv) {
            folder->c_str());
     for (const std::string& line : keeper.not_passed()) printf("%s\n", line.c_str());
 #ifdef OVTA_WITH_RESULTS
-    if (!feed->url().empty()) {
+    if (feed && !feed->url().empty()) {
         const int64_t waiting = feed->close();
         if (waiting == 0) printf("every row reached %s\n", feed->url().c_str());
         if (waiting != 0) printf("%lld rows wait in %s for the line's server: ovta-station sync sends them\n",
