@@ -62,7 +62,7 @@ if [[ $# -gt 0 && $1 == --day ]]; then
     >"$day/station.log" || status=$?
   echo "ovta-station ended with status $status; its lines in $day/station.log"
   build/ovta-station report --database "$day/records/results.db" --html "$day/report.html"
-  echo "the page: $day/report.html; the planted faults: grep fault $day/fixture/phones.log"
+  echo "the planted faults: grep fault $day/fixture/phones.log"
   exit 0
 fi
 if [[ $# -gt 0 && $1 == --loop ]]; then
