@@ -40,7 +40,7 @@ row() {
 slot_seconds() {
   python3 - "$1" <<'PY'
 import glob, json, sys
-s = [json.load(open(f))["seconds"] for f in glob.glob(sys.argv[1] + "/*/slot-*.json")]
+s = [json.load(open(f))["duration_ms"] / 1000 for f in glob.glob(sys.argv[1] + "/*/slot-*.json")]
 print(sum(s) / len(s))
 PY
 }
