@@ -231,7 +231,8 @@ Rows sorted(Rows rows) {
 
 // Slots finished so far in the station's file.
 int64_t finished(const std::string& db) {
-    if (!fs::exists(db)) return 0;
+    // The file comes a moment before its tables.
+    if (!fs::exists(db) || sqlite_count(db, "SELECT count(*) FROM sqlite_master WHERE name = 'slots'") != 1) return 0;
     return sqlite_count(db, "SELECT count(*) FROM slots WHERE ended IS NOT NULL");
 }
 
