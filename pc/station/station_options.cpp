@@ -1,7 +1,8 @@
 #include "pc/station/station_options.hpp"
 
 #include <algorithm>
-#include <glob.h>
+
+#include "pc/os/line.hpp"
 
 namespace station {
 
@@ -29,19 +30,16 @@ const char kUsage[] =
 
 namespace {
 
-// The device paths of one --device: the matches of a glob, or the path.
+// The device paths of one --device: the ports a pattern names (a glob on
+// Linux, COM* on Windows), or the name.
 bool add_devices(const std::string& pattern, std::vector<std::string>* out) {
-    if (pattern.find_first_of("*?[") == std::string::npos) {
+    if (!pcos::is_line_pattern(pattern)) {
         out->push_back(pattern);
         return true;
     }
-    glob_t matches{};
-    const int r = glob(pattern.c_str(), 0, nullptr, &matches);
-    if (r == 0) {
-        for (size_t i = 0; i < matches.gl_pathc; ++i) out->push_back(matches.gl_pathv[i]);
-    }
-    globfree(&matches);
-    return r == 0;
+    const std::vector<std::string> matches = pcos::list_lines(pattern);
+    out->insert(out->end(), matches.begin(), matches.end());
+    return !matches.empty();
 }
 
 }  // namespace
