@@ -34,6 +34,9 @@
 #include "pc/station/slot_runner.hpp"
 #include "pc/station/station_options.hpp"
 #include "pc/station/utc_text.hpp"
+#ifdef OVTA_WITH_RESULTS
+#include "pc/station/results_feed.hpp"
+#endif
 
 namespace {
 
@@ -82,6 +85,15 @@ int main(int argc, char** argv) {
         opt.records, station::run_folder_name(station::utc_folder_stamp(), plan->name), &error);
     if (!folder) return usage_error(error);
     if (opt.junit.empty()) opt.junit = *folder + "/junit.xml";
+#ifdef OVTA_WITH_RESULTS
+    // Every run, phone and step into the results database as it goes.
+    std::unique_ptr<station::ResultsFeed> feed = station::ResultsFeed::open(opt.database, opt.records, *plan, &error);
+    if (!feed) return usage_error("results database: " + error);
+    station::SlotWatcher* const watcher = feed.get();
+#else
+    if (!opt.database.empty()) return usage_error("--database: this ovta-station was built without the results database");
+    station::SlotWatcher* const watcher = nullptr;
+#endif
 
     // Lives to the end of main, past every slot's thread.
     static pcos::Stop stop;
@@ -100,6 +112,7 @@ int main(int argc, char** argv) {
         rows[i].steps = steps;
         rows[i].started = start;
         setups[i] = {i + 1, opt.devices[i], "", today, &stop};
+        setups[i].watcher = watcher;
         // A loop takes a --boards file's numbers one per phone; a slot's
         // --board or the plan's number is the slot's, for every phone on it.
         if (!opt.loop || opt.board_file.empty()) {
@@ -173,6 +186,14 @@ int main(int argc, char** argv) {
     printf("%zu of %zu phones passed%s; records in %s/\n", counts.passed, counts.phones, stopped ? " (stopped)" : "",
            folder->c_str());
     for (const std::string& line : keeper.not_passed()) printf("%s\n", line.c_str());
+#ifdef OVTA_WITH_RESULTS
+    if (!feed->url().empty()) {
+        const int64_t waiting = feed->close();
+        if (waiting == 0) printf("every row reached %s\n", feed->url().c_str());
+        if (waiting != 0) printf("%lld rows wait in %s for the line's server: ovta-station sync sends them\n",
+                                 static_cast<long long>(waiting), feed->file().c_str());
+    }
+#endif
     const bool all_passed = counts.phones > 0 && counts.passed == counts.phones;
     return all_passed && written ? kExitPassed : kExitFailed;
 }

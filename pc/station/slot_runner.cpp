@@ -60,6 +60,7 @@ public:
             line->discard_input();
             tools::PcLink link(*line, setup_.stop);
             if (setup_.read_board) read_board(link);
+            if (setup_.watcher != nullptr) setup_.watcher->started(record_);
             run_steps(link);
         }
         record_.seconds = seconds_since(start);
@@ -69,10 +70,16 @@ public:
             s.ended = Clock::now();
             s.verdict = record_.stopped ? "stopped" : record_.unknown ? "UNKNOWN" : record_.passed ? "pass" : "FAIL";
         });
+        if (setup_.watcher != nullptr) setup_.watcher->finished(record_);
         return std::move(record_);
     }
 
 private:
+    void keep_step(StepRecord&& r) {
+        record_.steps.push_back(std::move(r));
+        if (setup_.watcher != nullptr) setup_.watcher->step_done(record_, record_.steps.back());
+    }
+
     void run_steps(tools::PcLink& link) {
         bool talking = true;
         for (size_t i = 0; i < plan_.steps.size(); ++i) {
@@ -84,11 +91,11 @@ private:
             if (!record_.failed_step.empty() || record_.stopped) {
                 r.verdict = StepVerdict::kNotRun;
                 r.reason = record_.stopped ? "stopped before this step" : "step \"" + record_.failed_step + "\" failed";
-                record_.steps.push_back(std::move(r));
+                keep_step(std::move(r));
                 continue;
             }
             talking = run_step(link, step, r);
-            record_.steps.push_back(std::move(r));
+            keep_step(std::move(r));
         }
         if (!plan_.verdict) return;
         if (record_.stopped) {
@@ -226,7 +233,7 @@ private:
             stored["reason"] = "stopped while the verdict was written";
             record_.stored = std::move(stored);
             report(r);
-            record_.steps.push_back(std::move(r));
+            keep_step(std::move(r));
             return;
         }
         if (write_answered(wrote)) read_back(link, step, in, stored);
@@ -252,7 +259,7 @@ private:
         }
         record_.stored = std::move(stored);
         report(r);
-        record_.steps.push_back(std::move(r));
+        keep_step(std::move(r));
     }
 
     // Command 89 for the station's line: what the phone holds now.

@@ -16,6 +16,7 @@
 #include "pc/os/line.hpp"
 #include "pc/station/plan.hpp"
 #include "pc/station/slot_record.hpp"
+#include "pc/station/slot_watcher.hpp"
 #include "pc/station/status_board.hpp"
 
 namespace station {
@@ -31,6 +32,7 @@ struct SlotSetup {
     pcos::Line* line = nullptr;
     size_t phone = 0;         // the phone's number on the slot in a loop
     bool read_board = false;  // no board number given: read it from the phone (command 85) for the record
+    SlotWatcher* watcher = nullptr;  // told of the phone as it goes; null: nobody. Stays the caller's
 };
 
 SlotRecord run_slot(const Plan& plan, const SlotSetup& setup, StatusBoard& board);

@@ -8,7 +8,7 @@ namespace station {
 
 const char kUsage[] =
     "usage: ovta-station PLAN --device PATH [--device PATH ...] [--loop] [--board SN ... | --boards FILE]\n"
-    "                    [--records DIR] [--junit FILE] [--plain]\n"
+    "                    [--records DIR] [--junit FILE] [--database FILE|URL] [--plain]\n"
     "\n"
     "Runs the plan (a TOML file) on every device at once, one slot per device in the order given.\n"
     "  --device PATH   a phone's serial line; repeatable, and a glob such as '/dev/ttyACM*' gives one\n"
@@ -22,6 +22,9 @@ const char kUsage[] =
     "  --records DIR   where the records go (default records/): each run in a folder of its own,\n"
     "                  DIR/YYYYMMDDTHHMMSSZ-PLAN/, with slot-N.json per phone and junit.xml\n"
     "  --junit FILE    the JUnit XML file instead of the run folder's junit.xml\n"
+    "  --database FILE|URL  the results database every run, phone and step goes into as it runs (default\n"
+    "                  DIR/results.db); a postgresql:// URL sends the rows on to the line's server, and\n"
+    "                  they wait in DIR/results.db while it cannot be reached\n"
     "  --plain         one line per finished step even on a terminal, instead of the live table\n"
     "\n"
     "Ctrl-C stops every slot at once; the records of what ran are still written.\n"
@@ -62,6 +65,8 @@ std::optional<std::string> read_options(int argc, char** argv, Options* opt) {
             opt->records = argv[++i];
         } else if (arg == "--junit" && has_value) {
             opt->junit = argv[++i];
+        } else if (arg == "--database" && has_value) {
+            opt->database = argv[++i];
         } else if (arg.size() > 1 && arg[0] == '-') {
             return "unknown option or missing value: " + arg;
         } else if (opt->plan.empty()) {

@@ -19,6 +19,7 @@ struct Options {
     std::string board_file;           // --boards
     std::string records = "records";
     std::string junit;
+    std::string database;             // --database FILE or postgresql://URL; empty: RECORDS/results.db
     bool plain = false;
     bool loop = false;
 };

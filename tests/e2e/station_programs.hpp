@@ -68,11 +68,14 @@ inline nlohmann::json read_json(const std::string& path) {
     return nlohmann::json::parse(in, nullptr, false);
 }
 
-// The run folders under a records folder, in name (start time) order.
+// The run folders under a records folder, in name (start time) order (the
+// results database beside them is no run).
 inline std::vector<std::string> run_folders(const std::string& records) {
     std::vector<std::string> out;
     if (!std::filesystem::exists(records)) return out;
-    for (const auto& e : std::filesystem::directory_iterator(records)) out.push_back(e.path().string());
+    for (const auto& e : std::filesystem::directory_iterator(records)) {
+        if (e.is_directory()) out.push_back(e.path().string());
+    }
     std::sort(out.begin(), out.end());
     return out;
 }
