@@ -52,6 +52,7 @@ bool add_devices(const std::string& pattern, std::vector<std::string>* out) {
 std::optional<std::string> read_options(int argc, char** argv, Options* opt) {
     CLI::App app("ovta-station");
     app.set_help_flag();  // --help prints kUsage, not CLI11's (main looks for it first)
+    app.allow_windows_style_options(false);  // on Windows too, /path is a plan, not an option
     app.add_flag("--plain", opt->plain);
     app.add_flag("--loop", opt->loop);
     // Repeatable, one value each time; the plan may stand behind them.
