@@ -85,15 +85,6 @@ int main(int argc, char** argv) {
         opt.records, station::run_folder_name(station::utc_folder_stamp(), plan->name), &error);
     if (!folder) return usage_error(error);
     if (opt.junit.empty()) opt.junit = *folder + "/junit.xml";
-#ifdef OVTA_WITH_RESULTS
-    // Every run, phone and step into the results database as it goes.
-    std::unique_ptr<station::ResultsFeed> feed = station::ResultsFeed::open(opt.database, opt.records, *plan, &error);
-    if (!feed) return usage_error("results database: " + error);
-    station::SlotWatcher* const watcher = feed.get();
-#else
-    if (!opt.database.empty()) return usage_error("--database: this ovta-station was built without the results database");
-    station::SlotWatcher* const watcher = nullptr;
-#endif
 
     // Lives to the end of main, past every slot's thread.
     static pcos::Stop stop;
@@ -101,6 +92,20 @@ int main(int argc, char** argv) {
         fprintf(stderr, "ovta-station: cannot set up the stop for Ctrl-C\n");
         return kExitFailed;
     }
+#ifdef OVTA_WITH_RESULTS
+    // Every run, phone and step into the results database as it goes. Its
+    // sender thread starts here, after the signals are blocked.
+    // --database off: none (the benchmark's loop without it).
+    std::unique_ptr<station::ResultsFeed> feed;
+    if (opt.database != "off") {
+        feed = station::ResultsFeed::open(opt.database, opt.records, *plan, &error);
+        if (!feed) return usage_error("results database: " + error);
+    }
+    station::SlotWatcher* const watcher = feed.get();
+#else
+    if (!opt.database.empty() && opt.database != "off") return usage_error("--database: this ovta-station was built without the results database");
+    station::SlotWatcher* const watcher = nullptr;
+#endif
 
     const size_t steps = plan->steps.size() + (plan->verdict ? 1 : 0);
     const auto start = std::chrono::steady_clock::now();
@@ -187,7 +192,7 @@ int main(int argc, char** argv) {
            folder->c_str());
     for (const std::string& line : keeper.not_passed()) printf("%s\n", line.c_str());
 #ifdef OVTA_WITH_RESULTS
-    if (!feed->url().empty()) {
+    if (feed && !feed->url().empty()) {
         const int64_t waiting = feed->close();
         if (waiting == 0) printf("every row reached %s\n", feed->url().c_str());
         if (waiting != 0) printf("%lld rows wait in %s for the line's server: ovta-station sync sends them\n",

@@ -11,7 +11,8 @@
 # phones (scripts/bench-station.sh; --only station runs it alone). Then the
 # results database (ovta-results-bench: rows per second into SQLite and into
 # a PostgreSQL server it starts, the report over 100 000 phones; --only
-# results runs it alone). Figures are worth most on a quiet machine.
+# results runs it alone, with the station's slot time with and without the
+# database). Figures are worth most on a quiet machine.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 scripts/install-deps.sh >&2
@@ -24,3 +25,4 @@ for a in "$@"; do [ "$prev" = --only ] && only=$a; prev=$a; done
 if [ "$only" != station ] && [ "$only" != results ]; then build-bench/bench/line/ovta-line-bench "$@"; fi
 if [ -z "$only" ] || [ "$only" = station ]; then scripts/bench-station.sh build-bench; fi
 if [ -z "$only" ] || [ "$only" = results ]; then build-bench/bench/results/ovta-results-bench; fi
+if [ "$only" = results ]; then scripts/bench-station.sh build-bench results; fi

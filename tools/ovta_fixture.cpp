@@ -20,6 +20,18 @@
 //                         table 1 of other bytes (FF FE FD ...): a plan that
 //                         checks the table fails on it while it answers.
 //                         Repeatable
+//   --fault KIND:P[@SLOT] P percent of the phones (of SLOT alone with @SLOT)
+//                         come with a fault: rf (RF table 1 of other bytes:
+//                         a check of the table fails), card (no memory card),
+//                         wfmgr (a wfmgr that refuses to load the station's
+//                         program: enter-amt fails). Repeatable; a phone has
+//                         one fault at most, drawn per phone from --seed
+//   --seed N              the draw of the faults (1): the same seed plants
+//                         the same faults in the same phones of each slot
+//   --swap-on-verdict     a phone is taken off half a second after it holds
+//                         a verdict (--swap-every stays as the latest time)
+//   --phones-per-slot K   after K phones a slot stays empty; once every slot
+//                         is, PROGRAM gets SIGTERM (a day of K phones a slot)
 //   --station-handshake   the station answers each agent's handshake offer
 //                         (AA BB CC DD 7F, once a second for 20 s); otherwise
 //                         the fixture does and the line carries frames only
@@ -56,13 +68,14 @@
 //                                      test_result.txt, board_no.txt,
 //                                      product_date.txt, rf/rf_table_1.bin
 //   DIR/slot-N/phone-K/agent.log       its agent's log, once it is off
-//   DIR/phones.log                     "TIME on SLOT K ROOT DEVICE[ odd]" and
+//   DIR/phones.log                     "TIME on SLOT K ROOT DEVICE[ odd][ fault KIND]" and
 //                                      "TIME off SLOT K ROOT WHY" per phone,
 //                                      WHY: schedule, signal, command CMD, end
 //
 // In a folder that an earlier fixture used, the phone numbers go on after
 // the ones there. A test in C++ can drive slots itself, without this
 // program: sandbox::FixtureSlot (line(), swap(), the same folder layout).
+#include <algorithm>
 #include <chrono>
 #include <csignal>
 #include <cstdio>
@@ -90,7 +103,8 @@ using std::chrono::milliseconds;
 
 constexpr const char* kUsage =
     "usage: ovta-fixture [--phones N] [--table-bytes N] [--dir DIR] [--swap-every S[,S...]] [--swap-gap S]\n"
-    "                    [--pull-on SLOT:CMD]... [--odd-phone SLOT:K]... [--station-handshake] [--runs K] [--time]\n"
+    "                    [--pull-on SLOT:CMD]... [--odd-phone SLOT:K]... [--fault KIND:P[@SLOT]]... [--seed N]\n"
+    "                    [--swap-on-verdict] [--phones-per-slot K] [--station-handshake] [--runs K] [--time]\n"
     "                    -- PROGRAM ARGS...\n"
     "Lays out N phones (4), runs PROGRAM with one --device DIR/slot-N/tty per slot. SIGUSR1 swaps\n"
     "the slots listed in DIR/swap, or the next one in turn; DIR/phones.log says where each phone's\n"
@@ -128,6 +142,15 @@ struct Options {
     milliseconds gap{500};
     std::vector<std::pair<size_t, uint32_t>> pulls;  // slot, command
     std::vector<std::pair<size_t, size_t>> odd;      // slot, phone
+    struct Fault {
+        std::string kind;
+        unsigned percent = 0;
+        size_t slot = 0;  // 0: every slot
+    };
+    std::vector<Fault> faults;
+    uint64_t seed = 1;
+    bool swap_on_verdict = false;
+    size_t phones_per_slot = 0;
     bool station_handshake = false;
     int runs = 1;
     bool timed = false;
@@ -153,6 +176,10 @@ std::optional<Options> parse(int argc, char** argv) {
         }
         if (arg == "--time") {
             o.timed = true;
+            continue;
+        }
+        if (arg == "--swap-on-verdict") {
+            o.swap_on_verdict = true;
             continue;
         }
         if (!has_value) return bad("unknown option or no value: " + arg);
@@ -189,6 +216,27 @@ std::optional<Options> parse(int argc, char** argv) {
             auto cmd = colon == std::string::npos ? std::nullopt : number(value.substr(colon + 1), 0xFFFFFFFFul);
             if (!slot || *slot == 0 || !cmd) return bad("--pull-on takes SLOT:CMD, not " + value);
             o.pulls.emplace_back(*slot, static_cast<uint32_t>(*cmd));
+        } else if (arg == "--fault") {
+            const size_t colon = value.find(':');
+            const size_t at = value.find('@');
+            Options::Fault f;
+            f.kind = value.substr(0, colon);
+            auto p = colon == std::string::npos ? std::nullopt : number(value.substr(colon + 1, at - colon - 1), 100);
+            auto slot = at == std::string::npos ? std::optional<unsigned long>(0) : number(value.substr(at + 1), 64);
+            if ((f.kind != "rf" && f.kind != "card" && f.kind != "wfmgr") || !p || !slot || (at != std::string::npos && *slot == 0)) {
+                return bad("--fault takes rf, card or wfmgr, a percent and an optional @SLOT, not " + value);
+            }
+            f.percent = static_cast<unsigned>(*p);
+            f.slot = *slot;
+            o.faults.push_back(f);
+        } else if (arg == "--seed") {
+            auto n = number(value, ~0ul);
+            if (!n) return bad("--seed takes a number, not " + value);
+            o.seed = *n;
+        } else if (arg == "--phones-per-slot") {
+            auto n = number(value, 1000000);
+            if (!n || *n == 0) return bad("--phones-per-slot takes a count from 1, not " + value);
+            o.phones_per_slot = *n;
         } else if (arg == "--odd-phone") {
             const size_t colon = value.find(':');
             auto slot = number(value.substr(0, colon), 64);
@@ -207,7 +255,45 @@ std::optional<Options> parse(int argc, char** argv) {
     for (const auto& [slot, k] : o.odd) {
         if (slot > o.phones) return bad("--odd-phone names slot " + std::to_string(slot) + " of " + std::to_string(o.phones));
     }
+    for (size_t slot = 0; slot <= o.phones; ++slot) {
+        unsigned total = 0;
+        for (const Options::Fault& f : o.faults) total += f.slot == 0 || f.slot == slot ? f.percent : 0;
+        if (total > 100) return bad("the faults of slot " + std::to_string(slot) + " add up to more than 100 %");
+    }
+    for (const Options::Fault& f : o.faults) {
+        if (f.slot > o.phones) return bad("--fault names slot " + std::to_string(f.slot) + " of " + std::to_string(o.phones));
+    }
     return o;
+}
+
+// A number from 0 to 99 for phone K of SLOT, the same for the same seed
+// (splitmix64 over the three).
+unsigned draw(uint64_t seed, size_t slot, size_t k) {
+    uint64_t z = seed * 0x9E3779B97F4A7C15ull + slot * 0xBF58476D1CE4E5B9ull + k * 0x94D049BB133111EBull;
+    z = (z ^ (z >> 30)) * 0xBF58476D1CE4E5B9ull;
+    z = (z ^ (z >> 27)) * 0x94D049BB133111EBull;
+    z ^= z >> 31;
+    return static_cast<unsigned>(z % 100);
+}
+
+// The fault phone K of SLOT gets, laid into `phone`; empty for none.
+std::string plant(const Options& o, size_t slot, size_t k, sandbox::FixtureSetup* phone) {
+    const unsigned d = draw(o.seed, slot, k);
+    unsigned below = 0;
+    for (const Options::Fault& f : o.faults) {
+        if (f.slot != 0 && f.slot != slot) continue;
+        below += f.percent;
+        if (d >= below) continue;
+        if (f.kind == "rf") {
+            for (char& c : phone->files[0].second) c = static_cast<char>(~c);
+        } else if (f.kind == "card") {
+            phone->phone.sdcard_bytes.reset();
+        } else {
+            phone->wfmgr_args.insert(phone->wfmgr_args.end(), {"--load-error", "1"});
+        }
+        return f.kind;
+    }
+    return "";
 }
 
 // The slots that DIR/swap names (the file is removed), or the next in turn.
@@ -235,7 +321,8 @@ std::vector<size_t> slots_to_swap(const std::string& dir, size_t phones, size_t*
 // `cpu` gets its user and system time in seconds; `terminated` is set when
 // SIGTERM came.
 int run(const std::vector<std::string>& args, int signals, const std::string& dir,
-        std::vector<std::unique_ptr<sandbox::FixtureSlot>>& slots, size_t* turn, double* cpu, bool* terminated) {
+        std::vector<std::unique_ptr<sandbox::FixtureSlot>>& slots, bool day, size_t* turn, double* cpu,
+        bool* terminated) {
     pid_t pid = fork();
     if (pid == 0) {
         sigset_t none;
@@ -252,10 +339,17 @@ int run(const std::vector<std::string>& args, int signals, const std::string& di
     // Readable once the program has ended (glibc's pidfd_open lacks C linkage).
     UniqueFd ended(static_cast<int>(syscall(SYS_pidfd_open, pid, 0)));
     if (!ended.valid()) fprintf(stderr, "ovta-fixture: pidfd_open: %s; no swaps by signal\n", strerror(errno));
+    bool day_over = false;
     while (ended.valid()) {
         pollfd p[2] = {{signals, POLLIN, 0}, {ended.get(), POLLIN, 0}};
-        if (poll(p, 2, -1) < 0 && errno != EINTR) break;
+        if (poll(p, 2, day ? 200 : -1) < 0 && errno != EINTR) break;
         if (p[1].revents != 0) break;
+        if (day && !day_over &&
+            std::all_of(slots.begin(), slots.end(), [](const auto& s) { return s->done(); })) {
+            fprintf(stderr, "ovta-fixture: every slot has had its phones: ending the day\n");
+            kill(pid, SIGTERM);
+            day_over = true;
+        }
         signalfd_siginfo info{};
         if (!(p[0].revents & POLLIN) || read(signals, &info, sizeof(info)) != sizeof(info)) continue;
         if (info.ssi_signo == SIGTERM) {
@@ -347,6 +441,11 @@ int main(int argc, char** argv) {
             if (slot == i + 1) s.odd.push_back(k);
         }
         s.odd_phone = odd_setup;
+        if (!o.faults.empty()) {
+            s.plant = [&o, slot = i + 1](size_t k, sandbox::FixtureSetup* phone) { return plant(o, slot, k, phone); };
+        }
+        s.swap_on_verdict = o.swap_on_verdict;
+        s.last_phone = o.phones_per_slot;
         slots.push_back(std::make_unique<sandbox::FixtureSlot>(std::move(s)));
     }
     bool up = true;
@@ -365,7 +464,7 @@ int main(int argc, char** argv) {
         for (int r = 1; r <= o.runs && !terminated; ++r) {
             const auto start = std::chrono::steady_clock::now();
             double cpu = 0;
-            status = run(command, signals.get(), o.dir, slots, &turn, &cpu, &terminated);
+            status = run(command, signals.get(), o.dir, slots, o.phones_per_slot > 0, &turn, &cpu, &terminated);
             if (o.timed) {
                 fprintf(stderr, "run %d: %.3f s, cpu %.3f s\n", r,
                         std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count(), cpu);

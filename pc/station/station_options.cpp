@@ -26,7 +26,7 @@ const char kUsage[] =
     "  --junit FILE    the JUnit XML file instead of the run folder's junit.xml\n"
     "  --database FILE|URL  the results database every run, phone and step goes into as it runs (default\n"
     "                  DIR/results.db); a postgresql:// URL sends the rows on to the line's server, and\n"
-    "                  they wait in DIR/results.db while it cannot be reached\n"
+    "                  they wait in DIR/results.db while it cannot be reached; off: none\n"
     "  --plain         one line per finished step even on a terminal, instead of the live table\n"
     "\n"
     "Ctrl-C stops every slot at once; the records of what ran are still written.\n"

@@ -1,5 +1,7 @@
 #include "sandbox_slot.hpp"
 
+#include <regex>
+
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
@@ -7,6 +9,7 @@
 #include <fcntl.h>
 #include <filesystem>
 #include <poll.h>
+#include <regex>
 #include <sys/eventfd.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -84,6 +87,23 @@ size_t FixtureSlot::phones() const {
     return count_;
 }
 
+bool FixtureSlot::done() const {
+    std::lock_guard<std::mutex> hold(mu_);
+    return done_;
+}
+
+namespace {
+
+// A station's verdict in the phone's test result store: "\r\nN,1,pass" or
+// "\r\nN,0,fail..." (a fresh store's lines hold neither).
+bool holds_verdict(Phone& phone) {
+    static const std::regex kVerdict("\r\n[0-9]+,[01],(pass|fail)");
+    const std::optional<std::string> text = phone.read_file("/amt/test_result.txt");
+    return text && std::regex_search(*text, kVerdict);
+}
+
+}  // namespace
+
 void FixtureSlot::wait_wake(std::optional<Clock::time_point> deadline) {
     int timeout = -1;
     if (deadline) {
@@ -120,6 +140,7 @@ bool FixtureSlot::put_on(std::string* why) {
     }
     const bool odd = std::find(setup_.odd.begin(), setup_.odd.end(), k) != setup_.odd.end();
     FixtureSetup setup = odd ? setup_.odd_phone : setup_.phone;
+    const std::string planted = setup_.plant ? setup_.plant(k, &setup) : "";
     setup.phone.root = setup_.dir + "/slot-" + std::to_string(setup_.slot) + "/phone-" + std::to_string(k);
     setup.keep_logs = true;
     setup.pulled_event = wake_.get();
@@ -138,7 +159,7 @@ bool FixtureSlot::put_on(std::string* why) {
         phone_.reset();
         return false;
     }
-    setup_.log->write("on " + head + phone_->device() + (odd ? " odd" : ""));
+    setup_.log->write("on " + head + phone_->device() + (odd ? " odd" : "") + (planted.empty() ? "" : " fault " + planted));
     return true;
 }
 
@@ -164,8 +185,15 @@ void FixtureSlot::work() {
     cv_.notify_all();
     std::optional<Clock::time_point> next;
     if (setup_.every.count() > 0) next = Clock::now() + setup_.first;
+    // When the phone on the slot was first seen holding a verdict; zero: not yet.
+    Clock::time_point verdict_seen{};
     for (;;) {
-        wait_wake(next);
+        std::optional<Clock::time_point> wake = next;
+        if (setup_.swap_on_verdict && phone_) {
+            const auto poll_at = Clock::now() + std::chrono::milliseconds(100);
+            wake = wake ? std::min(*wake, poll_at) : poll_at;
+        }
+        wait_wake(wake);
         std::optional<std::string> asked;
         {
             std::lock_guard<std::mutex> hold(mu_);
@@ -178,8 +206,29 @@ void FixtureSlot::work() {
         } else if (!asked && next && Clock::now() >= *next) {
             asked = "schedule";
         }
+        if (!asked && setup_.swap_on_verdict && phone_) {
+            const bool seen = verdict_seen != Clock::time_point{};
+            if (!seen && holds_verdict(phone_->phone())) verdict_seen = Clock::now();
+            if (seen && Clock::now() - verdict_seen >= std::chrono::milliseconds(500)) asked = "verdict";
+        }
         if (!asked) continue;
+        verdict_seen = Clock::time_point{};
         take_off(*asked);
+        if (setup_.last_phone > 0 && phones() >= setup_.last_phone) {
+            // The slot's last phone is done: it stays empty to the end.
+            {
+                std::lock_guard<std::mutex> hold(mu_);
+                done_ = true;
+            }
+            for (;;) {
+                {
+                    std::lock_guard<std::mutex> hold(mu_);
+                    if (stop_) break;
+                }
+                wait_wake(std::nullopt);
+            }
+            break;
+        }
         // The gap, cut short by the end of the fixture alone.
         const auto back = Clock::now() + setup_.gap;
         while (Clock::now() < back) {

@@ -29,6 +29,7 @@
 #include <condition_variable>
 #include <cstdint>
 #include <cstdio>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -80,6 +81,15 @@ struct SlotSetup {
     // (e.g. with other table contents, so that a plan fails on them).
     std::vector<size_t> odd;
     FixtureSetup odd_phone;
+    // Lays phone K out otherwise (a fault planted in it) and returns the
+    // word the log gives it ("card"); empty: the phone as it is. May be null.
+    std::function<std::string(size_t k, FixtureSetup* phone)> plant;
+    // The phone is taken off once it holds a verdict (a pass or fail line in
+    // its test result store) and half a second has passed, as an operator
+    // unloads a finished phone; `every` stays as the latest time.
+    bool swap_on_verdict = false;
+    // After this many phones the slot stays empty (0: no end).
+    size_t last_phone = 0;
 };
 
 class FixtureSlot {
@@ -99,6 +109,8 @@ public:
     void swap(const std::string& why);
     // The number of the last phone that came on (or tried to).
     size_t phones() const;
+    // The slot's last phone (SlotSetup::last_phone) has come and gone.
+    bool done() const;
 
 private:
     void work();
@@ -122,6 +134,7 @@ private:
     std::string first_why_;          // guarded by mu_
     std::optional<std::string> asked_;  // guarded by mu_: a swap's reason
     bool stop_ = false;              // guarded by mu_
+    bool done_ = false;              // guarded by mu_
     std::thread worker_;
 };
 
