@@ -93,8 +93,7 @@ int main(int argc, char** argv) {
         return kExitFailed;
     }
 #ifdef OVTA_WITH_RESULTS
-    // Every run, phone and step into the results database as it goes. Its
-    // sender thread starts here, after the signals are blocked.
+    // Every run, phone and step into the results database as it goes.
     // --database off: none (the benchmark's loop without it).
     std::unique_ptr<station::ResultsFeed> feed;
     if (opt.database != "off") {
