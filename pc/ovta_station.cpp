@@ -3,30 +3,27 @@
 //
 // Threads: the main thread reads the plan and the command line, makes the
 // run's records folder, starts one thread per slot and then only waits: for
-// a slot to report (the status board's eventfd), for SIGINT or SIGTERM (a
-// signalfd; both are blocked in every thread), and on a terminal for the
-// next second of the time column. A slot runs the plan once
+// a slot to report (the status board wakes it), for Ctrl-C, and on a
+// terminal for the next second of the time column. A slot runs the plan once
 // (pc/station/slot_runner.hpp), or with --loop phone after phone on its own
 // cycle (pc/station/slot_cycle.hpp); either way each phone's record is
-// written as soon as it is done. A signal writes the stop eventfd, which
-// every slot's waits poll beside its line, so each slot ends at once and
-// records what it did. When all slots have ended the main thread joins them
+// written as soon as it is done. Ctrl-C (SIGINT or SIGTERM on Linux, the
+// console's Ctrl-C or close on Windows) raises the stop, which every slot's
+// waits watch beside its line, so each slot ends at once and records what it
+// did. When all slots have ended the main thread joins them
 // and writes the JUnit file (in a loop also every ten seconds on the way).
 //
 // Exit status: 0 every phone passed, 1 any failed, was stopped or has an
 // unknown verdict, 2 the plan or the command line is wrong.
 #include <algorithm>
-#include <csignal>
 #include <cstdio>
 #include <cstring>
-#include <poll.h>
 #include <string>
-#include <sys/eventfd.h>
-#include <sys/signalfd.h>
 #include <thread>
-#include <unistd.h>
 #include <vector>
 
+#include "pc/os/console.hpp"
+#include "pc/os/line.hpp"
 #include "pc/results/commands.hpp"
 #include "pc/station/board_list.hpp"
 #include "pc/station/live_view.hpp"
@@ -89,22 +86,14 @@ int main(int argc, char** argv) {
     if (!folder) return usage_error(error);
     if (opt.junit.empty()) opt.junit = *folder + "/junit.xml";
 
-    // Blocked before any thread starts, so that every thread inherits it and
-    // only the signalfd sees the two signals.
-    sigset_t stop_signals;
-    sigemptyset(&stop_signals);
-    sigaddset(&stop_signals, SIGINT);
-    sigaddset(&stop_signals, SIGTERM);
-    pthread_sigmask(SIG_BLOCK, &stop_signals, nullptr);
-    UniqueFd signals(signalfd(-1, &stop_signals, SFD_CLOEXEC | SFD_NONBLOCK));
-    UniqueFd stop(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
-    if (!signals.valid() || !stop.valid()) {
-        fprintf(stderr, "ovta-station: cannot set up the stop: %s\n", strerror(errno));
+    // Lives to the end of main, past every slot's thread.
+    static pcos::Stop stop;
+    if (!stop.valid() || !pcos::raise_on_interrupt(stop)) {
+        fprintf(stderr, "ovta-station: cannot set up the stop for Ctrl-C\n");
         return kExitFailed;
     }
 #ifdef OVTA_WITH_RESULTS
-    // Every run, phone and step into the results database as it goes. Its
-    // sender thread starts here, after the signals are blocked.
+    // Every run, phone and step into the results database as it goes.
     // --database off: none (the benchmark's loop without it).
     std::unique_ptr<station::ResultsFeed> feed;
     if (opt.database != "off") {
@@ -126,7 +115,7 @@ int main(int argc, char** argv) {
         rows[i].device = opt.devices[i];
         rows[i].steps = steps;
         rows[i].started = start;
-        setups[i] = {i + 1, opt.devices[i], "", today, stop.get()};
+        setups[i] = {i + 1, opt.devices[i], "", today, &stop};
         setups[i].watcher = watcher;
         // A loop takes a --boards file's numbers one per phone; a slot's
         // --board or the plan's number is the slot's, for every phone on it.
@@ -137,7 +126,7 @@ int main(int argc, char** argv) {
         }
     }
     station::StatusBoard board(std::move(rows));
-    station::LiveView view(stdout, !opt.plain && isatty(STDOUT_FILENO) == 1, opt.loop);
+    station::LiveView view(stdout, !opt.plain && pcos::open_terminal(stdout), opt.loop);
     station::RecordKeeper keeper(*plan, *folder, opt.junit);
 
     std::vector<std::thread> threads;
@@ -160,26 +149,22 @@ int main(int argc, char** argv) {
     auto junit_at = drawn_at;
     view.show(board);
     while (!all_ended(board, opt.loop)) {
-        int timeout = opt.loop ? 1000 : -1;
+        // Ctrl-C is looked at a few times a second; the slots see it at once.
+        long long timeout = 250;
         if (view.terminal()) {
             const auto since = std::chrono::duration_cast<milliseconds>(std::chrono::steady_clock::now() - drawn_at);
-            timeout = static_cast<int>(std::max<long long>(0, (dirty ? 100 : 1000) - since.count()));
+            timeout = std::clamp<long long>((dirty ? 100 : 1000) - since.count(), 0, timeout);
         }
         // While a redraw is due anyway, the wake-up need not be watched.
-        pollfd p[2] = {{dirty && view.terminal() ? -1 : board.wake_fd(), POLLIN, 0}, {signals.get(), POLLIN, 0}};
-        const int ready = poll(p, 2, timeout);
-        if (ready < 0 && errno != EINTR) break;
-        if (p[0].revents & POLLIN) dirty = true;
-        if (p[1].revents & POLLIN) {
-            signalfd_siginfo info{};
-            (void)!read(signals.get(), &info, sizeof(info));
-            if (!stopped) {
-                fprintf(stderr, "ovta-station: %s, stopping every slot\n", strsignal(static_cast<int>(info.ssi_signo)));
-                view.interrupted();
-                const uint64_t one = 1;
-                (void)!write(stop.get(), &one, sizeof(one));
-                stopped = true;
-            }
+        if (dirty && view.terminal()) {
+            std::this_thread::sleep_for(milliseconds(timeout));
+        } else if (board.wait_for_change(milliseconds(timeout))) {
+            dirty = true;
+        }
+        if (!stopped && stop.raised()) {
+            fprintf(stderr, "ovta-station: interrupted, stopping every slot\n");
+            view.interrupted();
+            stopped = true;
         }
         const auto now = std::chrono::steady_clock::now();
         if (!view.terminal() || now - drawn_at >= milliseconds(dirty ? 100 : 1000)) {

@@ -42,7 +42,7 @@ run_windows() {
   cmake --build --preset default -j2 --target e2e_tests
   echo "== windows: ovta-pc.exe under Wine against agents in the sandbox"
   local status=0
-  OVTA_WINDOWS_BUILD="$PWD/build-windows" ctest --preset default -R '^OvtaPcOnWine\.' || status=$?
+  OVTA_WINDOWS_BUILD="$PWD/build-windows" ctest --preset default -R '^(OvtaPcOnWine|StationOnWine)\.' || status=$?
   WINEPREFIX="$PWD/build-windows/wine" wineserver -k 2>/dev/null || true
   return "$status"
 }

@@ -32,11 +32,11 @@
 #include <string>
 #include <sys/signalfd.h>
 #include <sys/socket.h>
+#include <unistd.h>
 #include <vector>
 
 #include "protocol/wf_msg.hpp"
 #include "pc/lib/hex_text.hpp"
-#include "pc/lib/serial_port.hpp"
 #include "process/unique_fd.hpp"
 #include "tools/lib/wf_messages.hpp"
 
@@ -232,9 +232,22 @@ std::optional<Options> parse_args(int argc, char** argv) {
 
 bool send_msg(int fd, const std::vector<uint8_t>& msg) {
     say("send %s", tools::describe_wf_msg(msg).c_str());
-    if (tools::write_all(fd, msg)) return true;
-    say("send failed: %s", strerror(errno));
-    return false;
+    size_t done = 0;
+    while (done < msg.size()) {
+        const ssize_t n = write(fd, msg.data() + done, msg.size() - done);
+        if (n < 0 && errno == EINTR) continue;
+        if (n < 0 && errno == EAGAIN) {
+            pollfd p{fd, POLLOUT, 0};
+            poll(&p, 1, -1);
+            continue;
+        }
+        if (n <= 0) {
+            say("send failed: %s", strerror(errno));
+            return false;
+        }
+        done += static_cast<size_t>(n);
+    }
+    return true;
 }
 
 std::vector<uint8_t> build_request(const FileRequest& r, uint32_t wf_id) {

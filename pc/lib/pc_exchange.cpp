@@ -72,10 +72,6 @@ PcLink::PcLink(pcos::Line& line, const pcos::Stop* stop)
     : line_(pcos::Line::borrow(line.native())),
       stop_(pcos::Stop::borrow(stop != nullptr ? stop->native() : pcos::kNoHandle)) {}
 
-#ifndef _WIN32
-PcLink::PcLink(int fd, int stop_fd) : line_(pcos::Line::borrow(fd)), stop_(pcos::Stop::borrow(stop_fd)) {}
-#endif
-
 const pcos::Stop* PcLink::stop() const { return stop_.valid() ? &stop_ : nullptr; }
 
 bool PcLink::stopped() const { return stop_.raised(); }

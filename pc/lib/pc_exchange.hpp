@@ -91,11 +91,6 @@ public:
     // Uses `line`, which stays the caller's. A raised `stop` (when given)
     // ends any exchange at once, as stopped; it also stays the caller's.
     explicit PcLink(pcos::Line& line, const pcos::Stop* stop = nullptr);
-#ifndef _WIN32
-    // The same on a descriptor and a stop descriptor (readable means raised,
-    // -1 for none), both the caller's.
-    explicit PcLink(int fd, int stop_fd = -1);
-#endif
 
     // Writes the frame of `cmd` with `body` and collects what comes until the
     // pre-response and the answer are there (only the pre-response when

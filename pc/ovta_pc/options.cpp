@@ -95,6 +95,7 @@ std::optional<Options> parse_options(int argc, char** argv) {
     Options opt;
     CLI::App app("ovta-pc");
     app.set_help_flag();  // --help prints usage_text(), not CLI11's
+    app.allow_windows_style_options(false);  // on Windows too, /path is a file, not an option
     app.add_flag("-h,--help", opt.help);
     app.add_flag("--raw", opt.raw);
     app.add_flag("--json", opt.json);

@@ -22,7 +22,7 @@ bool BoardList::empty() const {
 
 bool read_board_file(const std::string& path, const std::vector<std::string>& devices, BoardList* list,
                      std::string* error) {
-    std::ifstream in(path);
+    std::ifstream in(path, std::ios::binary);
     if (!in) {
         *error = path + ": cannot be read";
         return false;

@@ -1,9 +1,9 @@
 #include "pc/station/live_view.hpp"
 
 #include <algorithm>
-#include <sys/ioctl.h>
 
 #include "pc/lib/progress_bar.hpp"
+#include "pc/os/console.hpp"
 
 namespace station {
 namespace {
@@ -87,17 +87,16 @@ void LiveView::show(StatusBoard& board) {
     }
     std::vector<std::string> lines = table_lines(board.rows(), std::chrono::steady_clock::now(), loop_);
     // A line that wrapped would throw the redraw off by a row.
-    winsize size{};
-    if (ioctl(fileno(out_), TIOCGWINSZ, &size) == 0 && size.ws_col > 1) {
+    const int columns = pcos::terminal_columns(out_);
+    if (columns > 1) {
         for (std::string& l : lines) {
-            if (l.size() >= size.ws_col) l.resize(size.ws_col - 1u);
+            if (l.size() >= static_cast<size_t>(columns)) l.resize(static_cast<size_t>(columns) - 1u);
         }
     }
     std::string text;
     if (drawn_ > 0) text += "\x1b[" + std::to_string(drawn_) + "A";
     for (const std::string& l : lines) text += "\r\x1b[2K" + l + "\n";
-    fputs(text.c_str(), out_);
-    fflush(out_);
+    pcos::write_terminal(out_, text);
     drawn_ = lines.size();
 }
 

@@ -4,22 +4,24 @@
 // handshake offer arrives on a line that stayed open; it has gone when the
 // line hangs up, the path disappears or names another device, or a new
 // offer shows that another phone came. Everything that differs between
-// systems is behind this class (phone_line_posix.cpp holds the Linux half).
+// systems is behind this class (phone_line_posix.cpp holds the Linux half,
+// phone_line_win32.cpp the Windows one, where a COM port is there when it
+// opens and gone when a read fails).
 //
-// Used by one slot's thread only. The stop descriptor (readable on Ctrl-C)
-// ends either wait at once.
+// Used by one slot's thread only. The stop (raised on Ctrl-C) ends either
+// wait at once.
 #pragma once
 
 #include <string>
 
 #include "pc/station/handshake_offer.hpp"
-#include "process/unique_fd.hpp"
+#include "pc/os/line.hpp"
 
 namespace station {
 
 class PhoneLine {
 public:
-    PhoneLine(std::string path, int stop_fd) : path_(std::move(path)), stop_fd_(stop_fd) {}
+    PhoneLine(std::string path, const pcos::Stop* stop) : path_(std::move(path)), stop_(stop) {}
 
     // Waits for a phone. True with the line open; false on a stop.
     bool wait_for_phone();
@@ -27,8 +29,8 @@ public:
     // (the line is closed again unless a new phone's offer came); false on
     // a stop.
     bool wait_until_gone();
-    // The open line, for the plan; -1 when closed.
-    int fd() const { return fd_.get(); }
+    // The line, for the plan; not valid when closed.
+    pcos::Line& line() { return line_; }
     // Why the last wait ended, for the live table and the log.
     const std::string& note() const { return note_; }
 
@@ -40,8 +42,8 @@ private:
     bool same_device() const;
 
     std::string path_;
-    int stop_fd_;
-    UniqueFd fd_;
+    const pcos::Stop* stop_;
+    pcos::Line line_;
     OfferScanner offers_;
     bool offered_ = false;  // a new phone's offer came while waiting for the last one to go
     std::string note_;

@@ -8,7 +8,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "pc/lib/serial_port.hpp"
 #include "pc/station/phone_line.hpp"
 
 namespace station {
@@ -23,17 +22,19 @@ constexpr int kOfferWaitMs = 2000;
 // Silence after the five bytes of an offer: no frame follows them.
 constexpr long kQuietMs = 100;
 
+int stop_fd(const pcos::Stop* stop) { return stop != nullptr ? stop->native() : -1; }
+
 }  // namespace
 
 bool PhoneLine::stop_within(int ms) const {
-    pollfd p = {stop_fd_, POLLIN, 0};
-    return poll(&p, stop_fd_ >= 0 ? 1 : 0, ms) > 0 && (p.revents & POLLIN) != 0;
+    pollfd p = {stop_fd(stop_), POLLIN, 0};
+    return poll(&p, p.fd >= 0 ? 1 : 0, ms) > 0 && (p.revents & POLLIN) != 0;
 }
 
 bool PhoneLine::same_device() const {
     struct stat now {};
     struct stat open {};
-    if (stat(path_.c_str(), &now) != 0 || fstat(fd_.get(), &open) != 0) return false;
+    if (stat(path_.c_str(), &now) != 0 || fstat(line_.native(), &open) != 0) return false;
     return now.st_rdev == open.st_rdev && now.st_ino == open.st_ino && now.st_dev == open.st_dev;
 }
 
@@ -41,15 +42,15 @@ bool PhoneLine::open_line() {
     struct stat st {};
     if (stat(path_.c_str(), &st) != 0) return false;
     std::string error;
-    UniqueFd fd = tools::open_raw_serial(path_, &error);
-    if (!fd.valid()) return false;
-    fd_ = std::move(fd);
+    pcos::Line line = pcos::Line::open(path_, &error);
+    if (!line.valid()) return false;
+    line_ = std::move(line);
     offers_.reset();
     return true;
 }
 
 bool PhoneLine::wait_for_phone() {
-    if (offered_ && fd_.valid()) {
+    if (offered_ && line_.valid()) {
         offered_ = false;
         note_ = "a new phone offered the handshake";
         return true;
@@ -65,8 +66,8 @@ bool PhoneLine::wait_for_phone() {
     for (;;) {
         const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(until - std::chrono::steady_clock::now());
         if (left.count() <= 0) return true;
-        pollfd p[2] = {{fd_.get(), POLLIN, 0}, {stop_fd_, POLLIN, 0}};
-        const int ready = poll(p, stop_fd_ >= 0 ? 2 : 1, static_cast<int>(std::min<long>(left.count(), kQuietMs)));
+        pollfd p[2] = {{line_.native(), POLLIN, 0}, {stop_fd(stop_), POLLIN, 0}};
+        const int ready = poll(p, p[1].fd >= 0 ? 2 : 1, static_cast<int>(std::min<long>(left.count(), kQuietMs)));
         if (ready < 0 && errno != EINTR) return true;
         if (p[1].revents & POLLIN) return false;
         if (ready == 0 && offers_.quiet()) {
@@ -75,7 +76,7 @@ bool PhoneLine::wait_for_phone() {
         }
         if (p[0].revents & (POLLHUP | POLLERR)) return true;  // the plan's first step says what is wrong
         if (p[0].revents & POLLIN) {
-            const ssize_t n = read(fd_.get(), buf, sizeof(buf));
+            const ssize_t n = read(line_.native(), buf, sizeof(buf));
             if (n > 0 && offers_.feed({buf, static_cast<size_t>(n)})) {
                 note_ = "the phone offered the handshake";
                 return true;
@@ -87,13 +88,13 @@ bool PhoneLine::wait_for_phone() {
 bool PhoneLine::wait_until_gone() {
     uint8_t buf[256];
     for (;;) {
-        if (!fd_.valid()) return true;
-        pollfd p[2] = {{fd_.get(), POLLIN, 0}, {stop_fd_, POLLIN, 0}};
-        const int ready = poll(p, stop_fd_ >= 0 ? 2 : 1, kPathPollMs);
+        if (!line_.valid()) return true;
+        pollfd p[2] = {{line_.native(), POLLIN, 0}, {stop_fd(stop_), POLLIN, 0}};
+        const int ready = poll(p, p[1].fd >= 0 ? 2 : 1, kPathPollMs);
         if (ready < 0 && errno != EINTR) return true;
         if (p[1].revents & POLLIN) return false;
         if (ready > 0 && (p[0].revents & POLLIN)) {
-            const ssize_t n = read(fd_.get(), buf, sizeof(buf));
+            const ssize_t n = read(line_.native(), buf, sizeof(buf));
             if (n > 0) {
                 if (offers_.feed({buf, static_cast<size_t>(n)})) {
                     offered_ = true;
@@ -105,7 +106,7 @@ bool PhoneLine::wait_until_gone() {
             if (n < 0 && (errno == EAGAIN || errno == EINTR)) continue;
         }
         if (ready > 0 && (p[0].revents & (POLLHUP | POLLERR | POLLIN)) != 0) {
-            fd_.reset();
+            line_ = pcos::Line();
             note_ = "the line hung up";
             return true;
         }
@@ -115,7 +116,7 @@ bool PhoneLine::wait_until_gone() {
             return true;
         }
         if (ready == 0 && !same_device()) {
-            fd_.reset();
+            line_ = pcos::Line();
             note_ = "the device is gone";
             return true;
         }

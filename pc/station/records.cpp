@@ -3,8 +3,6 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
-#include <fcntl.h>
-#include <unistd.h>
 
 #include "pc/lib/whole_file.hpp"
 
@@ -166,18 +164,7 @@ bool write_whole(const std::string& path, const std::string& text, std::string* 
         *error = "cannot write " + path;
         return false;
     }
-    if (!file->commit(error)) return false;
-    // The rename itself is on the disk only once the folder is.
-    const size_t slash = path.rfind('/');
-    const std::string dir = slash == std::string::npos ? "." : slash == 0 ? "/" : path.substr(0, slash);
-    const int fd = open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    if (fd < 0 || fsync(fd) != 0) {
-        *error = "cannot sync " + dir + ": " + strerror(errno);
-        if (fd >= 0) close(fd);
-        return false;
-    }
-    close(fd);
-    return true;
+    return file->commit(error);
 }
 
 }  // namespace station

@@ -1,8 +1,7 @@
 #include "pc/station/run_folder.hpp"
 
-#include <cerrno>
-#include <cstring>
-#include <sys/stat.h>
+#include <filesystem>
+#include <system_error>
 
 namespace station {
 
@@ -16,16 +15,19 @@ std::string run_folder_name(const std::string& stamp, const std::string& plan_na
 }
 
 std::optional<std::string> make_run_folder(const std::string& parent, const std::string& name, std::string* error) {
-    if (mkdir(parent.c_str(), 0755) != 0 && errno != EEXIST) {
-        *error = "cannot make " + parent + ": " + strerror(errno);
+    namespace fs = std::filesystem;
+    std::error_code ec;
+    fs::create_directory(parent, ec);
+    if (ec) {
+        *error = "cannot make " + parent + ": " + ec.message();
         return std::nullopt;
     }
-    // mkdir fails on a folder that is there: two runs never share one.
+    // A folder that is there is not made again: two runs never share one.
     for (int n = 1; n < 1000; ++n) {
         const std::string path = parent + "/" + name + (n == 1 ? "" : "-" + std::to_string(n));
-        if (mkdir(path.c_str(), 0755) == 0) return path;
-        if (errno != EEXIST) {
-            *error = "cannot make " + path + ": " + strerror(errno);
+        if (fs::create_directory(path, ec)) return path;
+        if (ec) {
+            *error = "cannot make " + path + ": " + ec.message();
             return std::nullopt;
         }
     }

@@ -8,7 +8,7 @@ namespace station {
 
 void run_cycle(const Plan& plan, const CycleSetup& setup, StatusBoard& board, RecordKeeper& keeper) {
     const size_t slot = setup.slot.slot;
-    PhoneLine line(setup.slot.device, setup.slot.stop_fd);
+    PhoneLine line(setup.slot.device, setup.slot.stop);
     auto idle = [&](const std::string& note, bool closed) {
         board.update(slot, [&](SlotStatus& s) {
             s.waiting = !closed;
@@ -24,7 +24,7 @@ void run_cycle(const Plan& plan, const CycleSetup& setup, StatusBoard& board, Re
         idle("waiting for a phone", false);
         if (!line.wait_for_phone()) break;
         SlotSetup one = setup.slot;
-        one.line_fd = line.fd();
+        one.line = &line.line();
         one.phone = phone;
         one.today = utc_date();  // a shift runs past midnight
         if (setup.boards != nullptr) one.board = setup.boards->take(slot).value_or("");

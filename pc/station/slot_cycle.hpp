@@ -20,7 +20,7 @@
 namespace station {
 
 struct CycleSetup {
-    SlotSetup slot;            // device, slot, stop; line_fd, phone and board are set per phone
+    SlotSetup slot;            // device, slot, stop; line, phone and board are set per phone
     // A --boards file's numbers, one per phone in order (a phone without one
     // has its own); null: slot.board for every phone.
     BoardList* boards = nullptr;

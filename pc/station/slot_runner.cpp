@@ -1,12 +1,10 @@
 #include "pc/station/slot_runner.hpp"
 
 #include <chrono>
-#include <termios.h>
 
 #include "pc/lib/hex_text.hpp"
 #include "pc/lib/pc_answers.hpp"
 #include "pc/lib/pc_exchange.hpp"
-#include "pc/lib/serial_port.hpp"
 #include "pc/station/expectation.hpp"
 #include "pc/station/step_exchange.hpp"
 #include "pc/station/utc_text.hpp"
@@ -47,20 +45,20 @@ public:
         record_.board = setup_.board;
         record_.started = utc_time_stamp();
         std::string error;
-        UniqueFd own;
-        int fd = setup_.line_fd;
-        if (fd < 0) {
-            own = tools::open_raw_serial(setup_.device, &error);
-            fd = own.get();
+        pcos::Line own;
+        pcos::Line* line = setup_.line;
+        if (line == nullptr) {
+            own = pcos::Line::open(setup_.device, &error);
+            line = &own;
         }
-        if (fd < 0) {
+        if (!line->valid()) {
             record_.reason = error;
             record_.failed_step = "open the line";
         } else {
             // What waits on the line is no answer to the plan: earlier
             // frames, or the handshake the agent offers until the PC writes.
-            tcflush(fd, TCIFLUSH);
-            tools::PcLink link(fd, setup_.stop_fd);
+            line->discard_input();
+            tools::PcLink link(*line, setup_.stop);
             if (setup_.read_board) read_board(link);
             if (setup_.watcher != nullptr) setup_.watcher->started(record_);
             run_steps(link);

@@ -1,7 +1,7 @@
 // The plan on one phone: runs in the slot's own thread, from opening the
 // device to the verdict. The slot owns its line and its PC link; it shares
-// the plan (read only), its row of the status board, and the stop eventfd,
-// which ends an exchange under way at once (Ctrl-C).
+// the plan (read only), its row of the status board, and the stop, which
+// ends an exchange under way at once (Ctrl-C).
 //
 // A step that fails ends the slot's plan: the steps behind it are recorded as
 // not run. The verdict (command 91, when the plan asks for it) is still
@@ -13,6 +13,7 @@
 
 #include <string>
 
+#include "pc/os/line.hpp"
 #include "pc/station/plan.hpp"
 #include "pc/station/slot_record.hpp"
 #include "pc/station/slot_watcher.hpp"
@@ -25,10 +26,10 @@ struct SlotSetup {
     std::string device;
     std::string board;  // from the command line or the plan's list; empty without one
     std::string today;  // YYYY-MM-DD
-    int stop_fd = -1;
+    const pcos::Stop* stop = nullptr;  // Ctrl-C; none when null
     // The line, already open (a slot on its own cycle opens it to see the
-    // phone come); -1: the slot opens `device` itself. Stays the caller's.
-    int line_fd = -1;
+    // phone come); null: the slot opens `device` itself. Stays the caller's.
+    pcos::Line* line = nullptr;
     size_t phone = 0;         // the phone's number on the slot in a loop
     bool read_board = false;  // no board number given: read it from the phone (command 85) for the record
     SlotWatcher* watcher = nullptr;  // told of the phone as it goes; null: nobody. Stays the caller's

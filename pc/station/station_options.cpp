@@ -1,7 +1,10 @@
 #include "pc/station/station_options.hpp"
 
+#include <CLI/CLI.hpp>
 #include <algorithm>
-#include <glob.h>
+#include <utility>
+
+#include "pc/os/line.hpp"
 
 namespace station {
 
@@ -32,51 +35,55 @@ const char kUsage[] =
 
 namespace {
 
-// The device paths of one --device: the matches of a glob, or the path.
+// The device paths of one --device: the ports a pattern names (a glob on
+// Linux, COM* on Windows), or the name.
 bool add_devices(const std::string& pattern, std::vector<std::string>* out) {
-    if (pattern.find_first_of("*?[") == std::string::npos) {
+    if (!pcos::is_line_pattern(pattern)) {
         out->push_back(pattern);
         return true;
     }
-    glob_t matches{};
-    const int r = glob(pattern.c_str(), 0, nullptr, &matches);
-    if (r == 0) {
-        for (size_t i = 0; i < matches.gl_pathc; ++i) out->push_back(matches.gl_pathv[i]);
-    }
-    globfree(&matches);
-    return r == 0;
+    const std::vector<std::string> matches = pcos::list_lines(pattern);
+    out->insert(out->end(), matches.begin(), matches.end());
+    return !matches.empty();
 }
 
 }  // namespace
 
 std::optional<std::string> read_options(int argc, char** argv, Options* opt) {
-    for (int i = 1; i < argc; ++i) {
-        const std::string arg = argv[i];
-        const bool has_value = i + 1 < argc;
-        if (arg == "--plain") {
-            opt->plain = true;
-        } else if (arg == "--loop") {
-            opt->loop = true;
-        } else if (arg == "--device" && has_value) {
-            if (!add_devices(argv[++i], &opt->devices)) return std::string("no device matches ") + argv[i];
-        } else if (arg == "--board" && has_value) {
-            opt->boards.push_back(argv[++i]);
-        } else if (arg == "--boards" && has_value) {
-            opt->board_file = argv[++i];
-        } else if (arg == "--records" && has_value) {
-            opt->records = argv[++i];
-        } else if (arg == "--junit" && has_value) {
-            opt->junit = argv[++i];
-        } else if (arg == "--database" && has_value) {
-            opt->database = argv[++i];
-        } else if (arg.size() > 1 && arg[0] == '-') {
-            return "unknown option or missing value: " + arg;
-        } else if (opt->plan.empty()) {
-            opt->plan = arg;
-        } else {
-            return "one plan only: " + arg;
-        }
+    CLI::App app("ovta-station");
+    app.set_help_flag();  // --help prints kUsage, not CLI11's (main looks for it first)
+    app.allow_windows_style_options(false);  // on Windows too, /path is a plan, not an option
+    app.add_flag("--plain", opt->plain);
+    app.add_flag("--loop", opt->loop);
+    // Repeatable, one value each time; the plan may stand behind them.
+    std::vector<std::string> devices;
+    app.add_option("--device", devices)->allow_extra_args(false);
+    app.add_option("--board", opt->boards)->allow_extra_args(false);
+    // Given twice, the last one counts.
+    for (auto [name, value] : {std::pair{"--boards", &opt->board_file}, std::pair{"--records", &opt->records},
+                               std::pair{"--junit", &opt->junit}, std::pair{"--database", &opt->database}}) {
+        app.add_option(name, *value)->multi_option_policy(CLI::MultiOptionPolicy::TakeLast);
     }
+    std::vector<std::string> plans;
+    app.add_option("plan", plans);
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError& e) {
+        // An option CLI11 does not know, or one without its value.
+        for (int i = 1; i < argc; ++i) {
+            const std::string arg = argv[i];
+            if (arg.size() > 1 && arg[0] == '-' && std::string(e.what()).find(arg) != std::string::npos) {
+                return "unknown option or missing value: " + arg;
+            }
+        }
+        const std::vector<std::string> extra = app.remaining();
+        return "unknown option or missing value: " + (extra.empty() ? std::string(e.what()) : extra.front());
+    }
+    for (const std::string& d : devices) {
+        if (!add_devices(d, &opt->devices)) return "no device matches " + d;
+    }
+    if (plans.size() > 1) return "one plan only: " + plans[1];
+    if (!plans.empty()) opt->plan = plans.front();
     if (opt->plan.empty()) return "no plan";
     if (opt->devices.empty()) return "no --device";
     std::vector<std::string> sorted = opt->devices;

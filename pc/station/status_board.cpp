@@ -1,19 +1,16 @@
 #include "pc/station/status_board.hpp"
 
-#include <sys/eventfd.h>
-#include <unistd.h>
-
 namespace station {
 
-StatusBoard::StatusBoard(std::vector<SlotStatus> rows)
-    : rows_(std::move(rows)), wake_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {}
+StatusBoard::StatusBoard(std::vector<SlotStatus> rows) : rows_(std::move(rows)) {}
 
 void StatusBoard::finished_step(size_t slot, std::string line) {
     {
         std::lock_guard<std::mutex> lock(mu_);
         lines_.push_back({slot, std::move(line)});
+        changed_ = true;
     }
-    wake();
+    changed_cv_.notify_all();
 }
 
 std::vector<SlotStatus> StatusBoard::rows() const {
@@ -28,14 +25,14 @@ std::vector<StepLine> StatusBoard::take_lines() {
     return out;
 }
 
-void StatusBoard::wake() {
-    uint64_t one = 1;
-    if (wake_.valid()) (void)!write(wake_.get(), &one, sizeof(one));
+bool StatusBoard::wait_for_change(std::chrono::milliseconds wait) {
+    std::unique_lock<std::mutex> lock(mu_);
+    return changed_cv_.wait_for(lock, wait, [this] { return changed_; });
 }
 
 void StatusBoard::clear_wake() {
-    uint64_t count = 0;
-    if (wake_.valid()) (void)!read(wake_.get(), &count, sizeof(count));
+    std::lock_guard<std::mutex> lock(mu_);
+    changed_ = false;
 }
 
 }  // namespace station

@@ -1,15 +1,14 @@
 // How far every slot is, for the live view. Each slot's thread writes its
 // own row; the view's thread takes copies. One mutex guards every row, and a
-// change wakes the view through an eventfd, so the view sleeps while nothing
-// happens.
+// change wakes the view through a condition variable, so the view sleeps
+// while nothing happens.
 #pragma once
 
 #include <chrono>
+#include <condition_variable>
 #include <mutex>
 #include <string>
 #include <vector>
-
-#include "process/unique_fd.hpp"
 
 namespace station {
 
@@ -53,25 +52,26 @@ public:
         {
             std::lock_guard<std::mutex> lock(mu_);
             change(rows_[slot - 1]);
+            changed_ = true;
         }
-        wake();
+        changed_cv_.notify_all();
     }
     void finished_step(size_t slot, std::string line);
 
     // Reader: the view.
     std::vector<SlotStatus> rows() const;
     std::vector<StepLine> take_lines();
-    // Readable when something changed since the last clear_wake().
-    int wake_fd() const { return wake_.get(); }
+    // Waits up to `wait` for a change since the last clear_wake(); true when
+    // there is one.
+    bool wait_for_change(std::chrono::milliseconds wait);
     void clear_wake();
 
 private:
-    void wake();
-
     mutable std::mutex mu_;
     std::vector<SlotStatus> rows_;   // guarded by mu_
     std::vector<StepLine> lines_;    // guarded by mu_
-    UniqueFd wake_;
+    bool changed_ = false;           // guarded by mu_
+    std::condition_variable changed_cv_;
 };
 
 }  // namespace station

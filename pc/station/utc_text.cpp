@@ -8,7 +8,11 @@ namespace {
 tm utc_now() {
     const time_t now = time(nullptr);
     tm parts{};
+#ifdef _WIN32
+    gmtime_s(&parts, &now);
+#else
     gmtime_r(&now, &parts);
+#endif
     return parts;
 }
 

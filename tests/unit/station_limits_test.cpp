@@ -7,7 +7,6 @@
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <pty.h>
-#include <sys/eventfd.h>
 #include <termios.h>
 #include <thread>
 #include <unistd.h>
@@ -17,6 +16,7 @@
 #include "pc/lib/pc_frame_codec.hpp"
 #include "pc/lib/pc_requests.hpp"
 #include "pc/lib/table_transfer.hpp"
+#include "pc/os/line.hpp"
 #include "pc/station/expectation.hpp"
 #include "pc/station/plan.hpp"
 #include "pc/station/slot_runner.hpp"
@@ -233,7 +233,6 @@ protected:
         // station opens the line.
         slave_.reset(slave);
         device_ = name;
-        stop_.reset(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
     }
 
     // Reads `request`, waits `delay`, then sends the pre-response and `answer`.
@@ -261,7 +260,7 @@ protected:
         station::SlotStatus row;
         row.device = device_;
         station::StatusBoard board({row});
-        station::SlotSetup setup{1, device_, "", "2026-11-26", stop_.get()};
+        station::SlotSetup setup{1, device_, "", "2026-11-26", &stop_};
         station::SlotRecord r = station::run_slot(plan, setup, board);
         phone_thread_.join();
         return r;
@@ -276,7 +275,7 @@ protected:
 
     UniqueFd phone_;
     UniqueFd slave_;
-    UniqueFd stop_;
+    pcos::Stop stop_;
     std::string device_;
     std::thread phone_thread_;
 };
@@ -318,15 +317,12 @@ TEST(StationRecordLimits, DataUpTo4096BytesIsKeptAsHexAndLongerAsItsCount) {
                             rf_step("rf write", "offset = 0\ndata = \"" + data4097 + "\"\n"),
                         &error);
     ASSERT_TRUE(plan) << error;
-    int stop[2];
-    ASSERT_EQ(pipe(stop), 0);
+    pcos::Stop stop;
     station::SlotStatus row;
     row.device = phone.device();
     station::StatusBoard board({row});
-    station::SlotSetup setup{1, phone.device(), "", "2026-11-26", stop[0]};
+    station::SlotSetup setup{1, phone.device(), "", "2026-11-26", &stop};
     station::SlotRecord r = station::run_slot(*plan, setup, board);
-    close(stop[0]);
-    close(stop[1]);
     ASSERT_TRUE(r.passed) << r.reason;
     ASSERT_EQ(r.steps.size(), 4u);
     const std::string measured = r.steps[0].measured.get<std::string>();

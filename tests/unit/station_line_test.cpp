@@ -8,15 +8,16 @@
 #include <fstream>
 #include <gtest/gtest.h>
 #include <pty.h>
-#include <sys/eventfd.h>
 #include <termios.h>
 #include <thread>
 #include <unistd.h>
 
+#include "pc/os/line.hpp"
 #include "pc/station/board_list.hpp"
 #include "pc/station/handshake_offer.hpp"
 #include "pc/station/phone_line.hpp"
 #include "pc/station/station_options.hpp"
+#include "process/unique_fd.hpp"
 
 namespace {
 
@@ -46,7 +47,6 @@ protected:
         ASSERT_NE(mkdtemp(dir), nullptr);
         dir_ = dir;
         link_ = dir_ + "/slot1";
-        stop_.reset(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
     }
     void TearDown() override { std::filesystem::remove_all(dir_); }
 
@@ -72,11 +72,11 @@ protected:
     std::string dir_;
     std::string link_;
     UniqueFd phone_;
-    UniqueFd stop_;
+    pcos::Stop stop_;
 };
 
 TEST_F(StationLineOnPty, PhonesComeAndGoAndTheStopEndsTheWait) {
-    station::PhoneLine line(link_, stop_.get());
+    station::PhoneLine line(link_, &stop_);
     // The path appears a moment later; the phone's offer starts the plan.
     std::thread plugger([&] {
         std::this_thread::sleep_for(std::chrono::milliseconds(300));
@@ -86,7 +86,7 @@ TEST_F(StationLineOnPty, PhonesComeAndGoAndTheStopEndsTheWait) {
     });
     ASSERT_TRUE(line.wait_for_phone());
     plugger.join();
-    EXPECT_GE(line.fd(), 0);
+    EXPECT_GE(line.line().native(), 0);
     EXPECT_EQ(line.note(), "the phone offered the handshake");
 
     // Bytes that are no offer (an answer that came late) do not end the
@@ -102,20 +102,19 @@ TEST_F(StationLineOnPty, PhonesComeAndGoAndTheStopEndsTheWait) {
     next.join();
     EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(400)) << "the late bytes ended it";
     EXPECT_EQ(line.note(), "a new phone offered the handshake");
-    const int same = line.fd();
+    const int same = line.line().native();
     ASSERT_TRUE(line.wait_for_phone());  // at once, on the line as it is
-    EXPECT_EQ(line.fd(), same);
+    EXPECT_EQ(line.line().native(), same);
 
     // The cable goes: the line hangs up and the path is gone.
     std::filesystem::remove(link_);
     phone_.reset();
     ASSERT_TRUE(line.wait_until_gone());
-    EXPECT_EQ(line.fd(), -1);
+    EXPECT_EQ(line.line().native(), -1);
     // No phone comes; Ctrl-C ends the wait.
     std::thread stopper([&] {
         std::this_thread::sleep_for(std::chrono::milliseconds(300));
-        const uint64_t one = 1;
-        EXPECT_EQ(write(stop_.get(), &one, sizeof(one)), 8);
+        stop_.raise();
     });
     EXPECT_FALSE(line.wait_for_phone());
     stopper.join();

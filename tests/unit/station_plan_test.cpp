@@ -5,6 +5,7 @@
 #include <filesystem>
 #include <fstream>
 #include <gtest/gtest.h>
+#include <random>
 #include <string>
 
 #include "pc/station/plan.hpp"
@@ -16,9 +17,11 @@ namespace fs = std::filesystem;
 class StationPlan : public ::testing::Test {
 protected:
     void SetUp() override {
-        char dir[] = "/tmp/ovta-plan-XXXXXX";
-        ASSERT_NE(mkdtemp(dir), nullptr);
-        dir_ = dir;
+        // A folder of this test's own, on Linux and under Wine alike.
+        const std::string name = ::testing::UnitTest::GetInstance()->current_test_info()->name();
+        dir_ = (fs::temp_directory_path() / ("ovta-plan-" + name + "-" + std::to_string(std::random_device{}())))
+                   .generic_string();
+        ASSERT_TRUE(fs::create_directories(dir_)) << dir_;
         std::ofstream(dir_ + "/golden.bin", std::ios::binary) << "0123456789abcdef";
     }
     void TearDown() override { fs::remove_all(dir_); }

@@ -7,12 +7,12 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <pty.h>
-#include <sys/eventfd.h>
 #include <termios.h>
 #include <thread>
 #include <unistd.h>
 
 #include "pc/lib/hex_text.hpp"
+#include "pc/os/line.hpp"
 #include "pc/station/records.hpp"
 #include "pc/station/slot_runner.hpp"
 #include "pc/station/verdict.hpp"
@@ -95,7 +95,6 @@ protected:
         ASSERT_EQ(ttyname_r(slave, name, sizeof(name)), 0);
         close(slave);
         device_ = name;
-        stop_.reset(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
     }
 
     station::Plan plan(std::vector<station::Command> commands) {
@@ -116,7 +115,7 @@ protected:
         station::SlotStatus row;
         row.device = device_;
         station::StatusBoard board({row});
-        station::SlotSetup setup{1, device_, "", "2026-11-24", stop_.get()};
+        station::SlotSetup setup{1, device_, "", "2026-11-24", &stop_};
         setup.read_board = read_board;
         return station::run_slot(p, setup, board);
     }
@@ -131,7 +130,7 @@ protected:
     }
 
     UniqueFd phone_;
-    UniqueFd stop_;
+    pcos::Stop stop_;
     std::string device_;
 };
 
@@ -166,8 +165,7 @@ TEST_F(StationSlot, StopEndsTheWaitForAnAnswerAtOnce) {
     std::thread phone([&] {
         // The command came; the phone keeps silent, and the operator presses Ctrl-C.
         EXPECT_EQ(phone_reads(phone_.get(), kCard.size()), kCard);
-        const uint64_t one = 1;
-        EXPECT_EQ(write(stop_.get(), &one, sizeof(one)), 8);
+        stop_.raise();
     });
     const auto start = std::chrono::steady_clock::now();
     station::SlotRecord r = run(p);

@@ -18,7 +18,8 @@ using stand_in::Request;
 using stand_in::table_answer;
 
 tools::TransferEnd read_range(AgentStandIn& phone, const tools::TableRange& range, Bytes* data) {
-    tools::PcLink link(phone.pc_end());
+    pcos::Line line = pcos::Line::borrow(phone.pc_end());
+    tools::PcLink link(line);
     return tools::read_table(
         link, range, 5000ms,
         [&](std::span<const uint8_t> b) {
@@ -29,7 +30,8 @@ tools::TransferEnd read_range(AgentStandIn& phone, const tools::TableRange& rang
 }
 
 tools::TransferEnd write_range(AgentStandIn& phone, const tools::TableRange& range, const Bytes& data) {
-    tools::PcLink link(phone.pc_end());
+    pcos::Line line = pcos::Line::borrow(phone.pc_end());
+    tools::PcLink link(line);
     return tools::write_table(link, range, data, 5000ms, [](const tools::Exchange&, size_t) {});
 }
 

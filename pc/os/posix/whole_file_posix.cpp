@@ -1,10 +1,12 @@
-// The Linux half of WholeFile: mkstemp beside the file, fsync, rename.
+// The Linux half of WholeFile: mkstemp beside the file, fsync, rename, and
+// fsync of the folder, so that the rename itself is on the disk.
 #include "pc/lib/whole_file.hpp"
 
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -52,6 +54,15 @@ bool WholeFile::commit(std::string* error) {
         return false;
     }
     committed_ = true;
+    const size_t slash = path_.rfind('/');
+    const std::string dir = slash == std::string::npos ? "." : slash == 0 ? "/" : path_.substr(0, slash);
+    const int folder = ::open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (folder < 0 || fsync(folder) != 0) {
+        *error = "cannot sync " + dir + ": " + strerror(errno);
+        if (folder >= 0) close(folder);
+        return false;
+    }
+    close(folder);
     return true;
 }
 
