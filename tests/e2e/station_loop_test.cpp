@@ -34,7 +34,7 @@ constexpr size_t kOddPhone = 2;
 
 const char kLoopPlan[] = R"(station = 12
 verdict = true
-timeout_ms = 3000
+timeout_ms = 10000
 
 [[step]]
 command = "board set"

@@ -27,7 +27,7 @@ using Rows = std::vector<std::vector<std::string>>;
 // bytes (ovta-fixture --odd-phone), the third is pulled at its card step.
 const char kPlan[] = R"(station = 12
 verdict = true
-timeout_ms = 3000
+timeout_ms = 10000
 boards = ["SN-A", "SN-B", "SN-C"]
 
 [[step]]
@@ -53,7 +53,7 @@ expect = { min = 1024 }
 // The loop's plan: no board numbers, so each is read from the phone.
 const char kLoopPlan[] = R"(station = 12
 verdict = true
-timeout_ms = 3000
+timeout_ms = 10000
 
 [[step]]
 command = "version"
