@@ -40,7 +40,7 @@ run_windows() {
   ctest --preset windows
   cmake --preset default >/dev/null
   cmake --build --preset default -j2 --target e2e_tests
-  echo "== windows: ovta-pc.exe under Wine against agents in the sandbox"
+  echo "== windows: ovta-pc.exe and ovta-station.exe under Wine against agents in the sandbox"
   local status=0
   OVTA_WINDOWS_BUILD="$PWD/build-windows" ctest --preset default -R '^(OvtaPcOnWine|StationOnWine)\.' || status=$?
   WINEPREFIX="$PWD/build-windows/wine" wineserver -k 2>/dev/null || true
